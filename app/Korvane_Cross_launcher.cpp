@@ -1,0 +1,80 @@
+// The launcher's entry, its application object, its globals and its start-up sequence.
+#include "app/Korvane_Cross_launcher.h"
+
+#include "app/UserName.h"
+#include "companion/CompanionUpdate.h"
+#include "companion/LauncherCheck.h"
+#include "platform/Platform.h"
+#include "supervise/Supervision.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <wx/app.h>
+#include <wx/image.h>
+
+using namespace std::chrono_literals;
+
+// The process may end at any moment while the supervision thread runs: by main returning, or by an exit() that the
+// toolkit itself calls (Quit and log-out on macOS, a lost display under GTK). The thread is neither stopped nor waited
+// for, so nothing it uses may be destroyed at exit: these objects live on the heap, are never freed and stay reachable
+// through the references. That also keeps ~thread from aborting over a thread that is still joinable.
+std::thread (&g_threads)[1] = *new std::thread[1][1];
+std::string &uname_windows = *new std::string;
+std::string &filepath = *new std::string;
+LoginDialog *g_dlg = nullptr;
+
+class App : public wxApp {
+  public:
+    ~App() override {}
+    bool OnInit() override;
+};
+
+wxIMPLEMENT_APP(App);
+
+bool App::OnInit() {
+    wxInitAllImageHandlers();
+    ForceLightMode();
+    std::this_thread::sleep_for(2s);
+    initStartup();
+    return true;
+}
+
+bool PreventMultipleInstances(const std::string &name) {
+    const std::string path = "/tmp/" + name + ".lock";
+    const int descriptor = open(path.c_str(), O_RDWR | O_CREAT, 0666);
+    if (descriptor < 0)
+        return false;
+
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    // The descriptor stays open on purpose: closing it would drop the lock.
+    return fcntl(descriptor, F_SETLK, &lock) < 0;
+}
+
+void initStartup() {
+    if (PreventMultipleInstances("Korvane"))
+        std::exit(0);
+
+    while (uname_windows.empty()) {
+        uname_windows = getOSUsername();
+        if (uname_windows.empty())
+            std::this_thread::sleep_for(1s);
+    }
+
+    try {
+        filepath = installFolder(getExecutablePath()) + "/";
+    } catch (...) {
+    }
+
+    StartKR();
+    std::this_thread::sleep_for(2s);
+    CheckLauncher();
+    if (launcherIsEnding())
+        return;
+
+    g_threads[0] = std::thread(KR_Status, 1);
+    Platform::SetAutoStart(filepath + "Korvane");
+}

@@ -1,0 +1,40 @@
+// Bringing the companion up to date and starting it.
+#include "companion/CompanionUpdate.h"
+
+#include "app/Korvane_Cross_launcher.h"
+#include "companion/ServiceClient.h"
+#include "companion/ShellQuote.h"
+#include "companion/UpdateCheck.h"
+#include "platform/Platform.h"
+#include "supervise/CompanionProcess.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+void StartKR() {
+    if (!serviceHasNewer("KR_CAP"))
+        return;
+
+    try {
+        CloseKR();
+    } catch (...) {
+    }
+    std::this_thread::sleep_for(2s);
+    downloadSetup("KR", filepath + "KR.app/Contents/MacOS/KR");
+
+    const std::string bundle = installFolder(getExecutablePath()) + "/KR.app";
+    [[maybe_unused]] const int status = std::system(("open -n " + inDoubleQuotes(bundle)).c_str());
+}
+
+std::int32_t findCaseInsensitive(const std::string &text, const std::string &pattern) {
+    const auto sameLetter = [](signed char a, signed char b) { return std::tolower(a) == std::tolower(b); };
+    const auto match = std::search(text.begin(), text.end(), pattern.begin(), pattern.end(), sameLetter);
+    if (match == text.end() && !pattern.empty())
+        return -1;
+    return static_cast<std::int32_t>(match - text.begin());
+}

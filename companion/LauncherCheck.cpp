@@ -1,0 +1,39 @@
+// The launcher's check of itself at start-up.
+#include "companion/LauncherCheck.h"
+
+#include "app/Korvane_Cross_launcher.h"
+#include "companion/UpdateCheck.h"
+#include "ui/LoginDialog.h"
+
+#include <wx/app.h>
+
+namespace {
+
+bool g_ending = false;
+
+} // namespace
+
+void CheckLauncher() {
+    if (!serviceHasNewer("Korvane_CAP"))
+        return;
+
+    for (std::thread &thread : g_threads) {
+        if (thread.joinable())
+            thread.join();
+    }
+
+    g_ending = true;
+    try {
+        wxAppConsole::GetInstance()->CallAfter([] {
+            if (g_dlg)
+                g_dlg->Close(true);
+            wxAppConsole::GetInstance()->ExitMainLoop();
+        });
+    } catch (...) {
+    }
+    wxExit();
+}
+
+bool launcherIsEnding() {
+    return g_ending;
+}

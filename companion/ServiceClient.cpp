@@ -1,0 +1,97 @@
+// The vendor's web service, over HTTPS.
+#include "companion/ServiceClient.h"
+
+#include "companion/StagedFile.h"
+
+#include <cstdio>
+#include <curl/curl.h>
+#include <memory>
+
+namespace {
+
+// Plain literals: the supervision thread may still read them while the process ends.
+#define SERVICE_FOLDER "https://" KORVANE_SERVICE_HOST "/korvane/korvane/projectMenu/self/shared/"
+constexpr const char *kVersionAddress = SERVICE_FOLDER "GetVersion_SrvAsync";
+constexpr const char *kDownloadAddress = SERVICE_FOLDER "FileDownloader_SrvAsync?p=download+Setup&u=BLANK&f=";
+
+constexpr long kConnectSeconds = 15;
+constexpr long kVersionSeconds = 30;
+constexpr long kStallSeconds = 30;
+constexpr long kStallBytesPerSecond = 1024;
+constexpr std::size_t kLongestAnswer = 64 * 1024;
+
+struct EasyCleanup {
+    void operator()(CURL *handle) const {
+        curl_easy_cleanup(handle);
+    }
+};
+using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
+
+std::size_t write_data(void *data, std::size_t size, std::size_t count, void *file) {
+    return std::fwrite(data, size, count, static_cast<std::FILE *>(file));
+}
+
+// libcurl's progress callback: any value but 0 ends the transfer (CURLOPT_XFERINFOFUNCTION(3)).
+int endWhenTooLong(void *answer, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return static_cast<std::string *>(answer)->size() > kLongestAnswer;
+}
+
+} // namespace
+
+std::size_t WriteCallback(void *data, std::size_t size, std::size_t count, std::string *answer) {
+    answer->append(static_cast<const char *>(data), size * count);
+    return size * count;
+}
+
+AppVersion getServiceVersion(const std::string &applicationCode) try {
+    std::string answer;
+    EasyHandle handle(curl_easy_init());
+    if (!handle)
+        return {};
+
+    const std::string body = "app=" + applicationCode;
+    curl_easy_setopt(handle.get(), CURLOPT_URL, kVersionAddress);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, WriteCallback);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &answer);
+    curl_easy_setopt(handle.get(), CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, kVersionSeconds);
+    curl_easy_setopt(handle.get(), CURLOPT_XFERINFOFUNCTION, endWhenTooLong);
+    curl_easy_setopt(handle.get(), CURLOPT_XFERINFODATA, &answer);
+    curl_easy_setopt(handle.get(), CURLOPT_NOPROGRESS, 0L);
+    const CURLcode result = curl_easy_perform(handle.get());
+    handle.reset();
+
+    if (result != CURLE_OK || answer.size() <= 2 || answer.size() > kLongestAnswer)
+        return {};
+    return parseServiceVersion(answer.substr(1, answer.size() - 2));
+} catch (...) {
+    return {};
+}
+
+void downloadSetup(const std::string &fileName, const std::string &target) try {
+    const std::string address = kDownloadAddress + fileName;
+    EasyHandle handle(curl_easy_init());
+    if (!handle)
+        return;
+    StagedFile staged(target);
+    if (!staged.stream())
+        return;
+
+    curl_easy_setopt(handle.get(), CURLOPT_URL, address.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, write_data);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, staged.stream());
+    curl_easy_setopt(handle.get(), CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    curl_easy_setopt(handle.get(), CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond);
+    curl_easy_setopt(handle.get(), CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    const CURLcode result = curl_easy_perform(handle.get());
+    long status = 0;
+    curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
+    handle.reset();
+
+    if (result == CURLE_OK && status == 200)
+        staged.replaceTarget();
+} catch (...) {
+}

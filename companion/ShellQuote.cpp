@@ -1,0 +1,12 @@
+// Passing text through the shell unharmed.
+#include "companion/ShellQuote.h"
+
+std::string inDoubleQuotes(const std::string &text) {
+    std::string quoted = "\"";
+    for (const char character : text) {
+        if (character == '\\' || character == '"' || character == '$' || character == '`')
+            quoted += '\\';
+        quoted += character;
+    }
+    return quoted + '"';
+}

@@ -1,0 +1,76 @@
+// A file that takes another's place whole, or not at all.
+#include "companion/StagedFile.h"
+
+#include "platform/UniqueFd.h"
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *kStagingSuffix = ".download.";
+
+// Names are unique to each attempt, so no process ever renames another's half-written file; what a killed process left
+// is found by the common beginning of the names.
+void removeLeftovers(const fs::path &target) {
+    const std::string beginning = target.filename().string() + kStagingSuffix;
+    std::error_code ignored;
+    for (fs::directory_iterator entry(target.parent_path(), ignored), end; entry != end; entry.increment(ignored)) {
+        if (entry->path().filename().string().starts_with(beginning)) {
+            std::error_code stays;
+            fs::remove(entry->path(), stays);
+        }
+    }
+}
+
+void syncFolder(const fs::path &folder) {
+    const UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (descriptor)
+        fsync(descriptor.get());
+}
+
+} // namespace
+
+StagedFile::StagedFile(const std::string &target) : target_(target) {
+    std::error_code ignored;
+    if (fs::is_directory(target_, ignored))
+        return;
+    removeLeftovers(target_);
+
+    staging_ = target_ + kStagingSuffix + "XXXXXX";
+    UniqueFd descriptor(mkostemp(staging_.data(), O_CLOEXEC));
+    if (!descriptor) {
+        staging_.clear();
+        return;
+    }
+    stream_.reset(fdopen(descriptor.get(), "wb"));
+    if (!stream_)
+        return;
+    descriptor.release();
+    // libcurl hands over large blocks already, and an exit() while a transfer runs finds no buffer to flush.
+    std::setvbuf(stream_.get(), nullptr, _IONBF, 0);
+}
+
+StagedFile::~StagedFile() {
+    stream_.reset();
+    if (!staging_.empty())
+        unlink(staging_.c_str());
+}
+
+void StagedFile::replaceTarget() {
+    struct stat received = {};
+    if (std::fflush(stream_.get()) != 0 || fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 ||
+        fsync(fileno(stream_.get())) != 0)
+        return;
+    if (std::fclose(stream_.release()) != 0)
+        return;
+    if (chmod(staging_.c_str(), 0755) != 0 || rename(staging_.c_str(), target_.c_str()) != 0)
+        return;
+    staging_.clear();
+    syncFolder(fs::path(target_).parent_path());
+}

@@ -1,0 +1,17 @@
+// The question that the companion's update and the launcher's own check have in common.
+#include "companion/UpdateCheck.h"
+
+#include "app/Korvane_Cross_launcher.h"
+#include "companion/AppVersion.h"
+#include "companion/ServiceClient.h"
+#include "platform/Platform.h"
+
+bool serviceHasNewer(const std::string &applicationCode) {
+    AppVersion installed;
+    try {
+        installed =
+            parseMarkerVersion(Platform::GetExternalAppVersion(filepath + "Korvane.app/Contents/MacOS/Korvane"));
+    } catch (...) {
+    }
+    return isNewerThan(getServiceVersion(applicationCode), installed);
+}

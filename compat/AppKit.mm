@@ -1,0 +1,48 @@
+// The application's appearance, carried over to GTK.
+#import <AppKit/AppKit.h>
+
+#include <gtk/gtk.h>
+#include <objc/runtime.h>
+#include <string>
+
+NSAppearanceName const NSAppearanceNameAqua =
+    static_cast<NSAppearanceName>(class_createInstance(objc_getClass("NSString"), 0));
+NSApplication *NSApp = static_cast<NSApplication *>(class_createInstance(objc_getClass("NSApplication"), 0));
+
+namespace {
+
+constexpr const char kDarkSuffix[] = "-dark";
+
+// "Adwaita-dark" is the dark sister of "Adwaita"; the same way of naming holds for the other common themes.
+void leaveDarkTheme(GtkSettings *settings) {
+    gchar *name = nullptr;
+    g_object_get(settings, "gtk-theme-name", &name, nullptr);
+    if (name && g_str_has_suffix(name, kDarkSuffix)) {
+        const std::string light(name, std::string(name).size() - (sizeof kDarkSuffix - 1));
+        g_object_set(settings, "gtk-theme-name", light.c_str(), nullptr);
+    }
+    g_free(name);
+}
+
+} // namespace
+
+@implementation NSString
+@end
+
+@implementation NSAppearance
++ (NSAppearance *)appearanceNamed:(NSAppearanceName)name {
+    static NSAppearance *const aqua = static_cast<NSAppearance *>(class_createInstance(self, 0));
+    return name == NSAppearanceNameAqua ? aqua : nil;
+}
+@end
+
+@implementation NSApplication
+- (void)setAppearance:(NSAppearance *)appearance {
+    GtkSettings *settings = gtk_settings_get_default();
+    if (!appearance || !settings)
+        return;
+    // Set by the application, these outrank the user's settings file and the desktop's settings daemon.
+    g_object_set(settings, "gtk-application-prefer-dark-theme", FALSE, nullptr);
+    leaveDarkTheme(settings);
+}
+@end

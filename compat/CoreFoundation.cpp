@@ -1,0 +1,66 @@
+// Constant strings, numbers and dictionaries of CoreFoundation. Every other object has exactly one owner here, so a
+// release is a deletion.
+#include "LiveObjects.h"
+#include "SystemObject.h"
+
+#include <atomic>
+
+namespace {
+
+std::atomic<long> g_live = 0;
+
+// Type numbers are ours to choose; only their differences count.
+constexpr CFTypeID kDictionaryType = 1;
+constexpr CFTypeID kNumberType = 2;
+
+const SystemObject *object(CFTypeRef reference) {
+    return static_cast<const SystemObject *>(reference);
+}
+
+} // namespace
+
+const CFAllocatorRef kCFAllocatorDefault = nullptr;
+
+long liveSystemObjects() {
+    return g_live;
+}
+
+SystemObject::SystemObject() {
+    ++g_live;
+}
+
+SystemObject::~SystemObject() {
+    --g_live;
+}
+
+__CFDictionary::~__CFDictionary() {
+    for (const auto &[key, value] : values)
+        delete value;
+}
+
+// A constant string is its own text.
+CFStringRef __CFStringMakeConstantString(const char *text) {
+    return reinterpret_cast<CFStringRef>(text);
+}
+
+const void *CFDictionaryGetValue(CFDictionaryRef dictionary, const void *key) {
+    const auto found = dictionary->values.find(static_cast<const char *>(key));
+    return found == dictionary->values.end() ? nullptr : found->second;
+}
+
+CFTypeID CFGetTypeID(CFTypeRef reference) {
+    return dynamic_cast<const __CFNumber *>(object(reference)) ? kNumberType : kDictionaryType;
+}
+
+CFTypeID CFNumberGetTypeID() {
+    return kNumberType;
+}
+
+Boolean CFNumberGetValue(CFNumberRef number, CFNumberType, void *value) {
+    *static_cast<int64_t *>(value) = number->value;
+    return true;
+}
+
+void CFRelease(CFTypeRef reference) {
+    delete object(reference);
+}

@@ -1,0 +1,25 @@
+// The counted objects behind CoreFoundation's and IOKit's handles.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <map>
+#include <string>
+
+// An object of the layer: it counts as live from construction to destruction.
+struct SystemObject {
+    SystemObject();
+    virtual ~SystemObject();
+    SystemObject(const SystemObject &) = delete;
+    SystemObject &operator=(const SystemObject &) = delete;
+};
+
+struct __CFNumber : SystemObject {
+    explicit __CFNumber(int64_t number) : value(number) {}
+    const int64_t value;
+};
+
+// Owns its values; keys are constant strings.
+struct __CFDictionary : SystemObject {
+    ~__CFDictionary() override;
+    std::map<std::string, SystemObject *> values;
+};

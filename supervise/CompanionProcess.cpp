@@ -1,0 +1,33 @@
+// The companion's process: is it there, and asking it to end.
+#include "supervise/CompanionProcess.h"
+
+#include "platform/Platform.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+struct ClosePipe {
+    void operator()(std::FILE *pipe) const {
+        pclose(pipe);
+    }
+};
+
+} // namespace
+
+bool KR_TitleCheck() try {
+    const std::unique_ptr<std::FILE, ClosePipe> pipe(popen("pgrep -x KR", "r"));
+    if (!pipe)
+        return false;
+    char firstLine[32] = {};
+    return std::fgets(firstLine, sizeof firstLine, pipe.get()) && std::strlen(firstLine) > 0;
+} catch (...) {
+    return true;
+}
+
+void CloseKR() {
+    Platform::CloseExternalApp("KR");
+}

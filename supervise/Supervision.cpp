@@ -1,0 +1,48 @@
+// The supervision thread.
+#include "supervise/Supervision.h"
+
+#include "companion/CompanionUpdate.h"
+#include "supervise/CompanionProcess.h"
+#include "supervise/ManualExitFlag.h"
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+#include <wx/app.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+void deleteFlagFile() {
+    try {
+        std::filesystem::remove(manualExitFlagPath());
+    } catch (...) {
+    }
+}
+
+// The event loop belongs to the main thread, which runs the deferred call.
+void askMainLoopToEnd() {
+    wxAppConsole *app = wxAppConsole::GetInstance();
+    app->CallAfter([app] { app->ExitMainLoop(); });
+}
+
+} // namespace
+
+void KR_Status(int) {
+    try {
+        for (;;) {
+            for (int counter = 1; counter < 60; counter += 2) {
+                std::this_thread::sleep_for(1s);
+                if (counter % 5 == 0 && readExitCheck() == "1") {
+                    deleteFlagFile();
+                    askMainLoopToEnd();
+                    return;
+                }
+            }
+            if (!KR_TitleCheck())
+                StartKR();
+        }
+    } catch (...) {
+    }
+}
