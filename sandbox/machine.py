@@ -1,0 +1,176 @@
+"""The machine inside the sandbox: certificates, display, an installed launcher and its processes.
+
+Used by the demonstration and by the tests alike, as root inside sandbox/enter. The launcher and the companion run as
+the ordinary user "alice".
+"""
+import contextlib
+import os
+import pathlib
+import re
+import shutil
+import signal
+import ssl
+import subprocess
+import time
+
+import service as service_module
+
+USER = "alice"
+UID = 1000
+HOME = pathlib.Path("/home/alice")
+AGENT = HOME / "Library/LaunchAgents/com.mervix.korvane.plist"
+TRACE = pathlib.Path("/tmp/korvane_debug.txt")
+LOCK = pathlib.Path("/tmp/Korvane.lock")
+HOST = "service.korvane.example"
+TLS = pathlib.Path("/run/tls")
+TRUST_STORE = "/etc/ssl/certs/ca-certificates.crt"
+COMPANION = pathlib.Path(__file__).with_name("companion.py").read_text()
+
+
+def until(condition, what, timeout=120):
+    """Waits until condition() is true and returns its value."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"{what}: not within {timeout} s")
+        time.sleep(0.02)
+
+
+def companion_program(version, size=0):
+    """The stand-in companion's executable: its version in it, padded to size bytes."""
+    text = COMPANION.replace('VERSION = "0.0"', f'VERSION = "{version}"')
+    return (text + "#" * (size - len(text))).encode()
+
+
+def make_certificates():
+    """Makes a throwaway authority, trusts it, and returns TLS contexts for a good and several bad certificates."""
+    TLS.mkdir()
+
+    def certificate(name, host, *signer, command=("openssl",)):
+        subprocess.run([*command, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                        "-days", "2", "-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}",
+                        "-keyout", f"{name}.key", "-out", f"{name}.crt", *signer], check=True, capture_output=True, cwd=TLS)
+
+    def context(name):
+        made = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        made.load_cert_chain(TLS / f"{name}.crt", TLS / f"{name}.key")
+        return made
+
+    certificate("authority", "Throwaway authority")
+    shutil.copy(TLS / "authority.crt", TRUST_STORE)
+    signed = ("-CA", "authority.crt", "-CAkey", "authority.key", "-addext", "basicConstraints=critical,CA:FALSE")
+    certificate("good", HOST, *signed)
+    certificate("wrong-host", "other.example", *signed)
+    certificate("self-signed", HOST)
+    certificate("expired", HOST, *signed, command=("faketime", "2020-01-01", "openssl"))
+    return {name: context(name) for name in ("good", "wrong-host", "self-signed", "expired")}
+
+
+class Machine(contextlib.ExitStack):
+    """A display, the vendor's service, and an install folder with launcher and companion.
+
+    Leaving it ends every process it has started.
+    """
+
+    def __init__(self, folder="/home/alice/Applications", installed="2.5", bundle="/build/stage"):
+        super().__init__()
+        self.folder = pathlib.Path(folder)
+        self.bundle = bundle
+        self.installed = installed
+        self.trace_number = 0
+
+    def __enter__(self):
+        AGENT.parent.mkdir(parents=True)
+        shutil.copytree(self.bundle, self.folder, symlinks=True)
+        self.companion = self.folder / "KR.app/Contents/MacOS/KR"
+        self.companion.parent.mkdir(parents=True)
+        self.companion.write_bytes(companion_program(self.installed))
+        self.companion.chmod(0o755)
+        self.launcher_path = self.folder / "Korvane.app/Contents/MacOS/Korvane"
+        self.marker = self.launcher_path.with_name("Korvane.version")
+        self.marker.write_text(self.installed + "\n")
+        self.flag = self.folder / f"{USER}_ManualExit.txt"
+        own(HOME)
+        own(self.folder)
+        self.service = self.enter_context(service_module.Service(make_certificates()))
+        self.display, self.display_process = self.start_display()
+        self.environment = {"PATH": os.environ["PATH"], "HOME": str(HOME), "USER": USER, "DISPLAY": self.display,
+                            "LANG": "C.UTF-8", "NO_AT_BRIDGE": "1"}
+        return self
+
+    def offer(self, companion, launcher="2.5", payload=None):
+        """Sets what the service reports for the companion and the launcher, and the download."""
+        self.service.versions["KR_CAP"] = f'"{companion}"'.encode()
+        self.service.versions["Korvane_CAP"] = f'"{launcher}"'.encode()
+        self.service.payload = companion_program(companion) if payload is None else payload
+
+    def start_display(self):
+        """Starts an X server and returns its name and process."""
+        reader, writer = os.pipe()
+        process = self.start(["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset"],
+                             user=None, pass_fds=[writer], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(writer)
+        with open(reader) as pipe:
+            return ":" + pipe.readline().strip(), process
+
+    def start(self, command, user=UID, **options):
+        """Starts a process (as alice, unless told otherwise) that ends with this machine."""
+        process = subprocess.Popen(command, user=user, group=user, extra_groups=None if user is None else [],
+                                   stdin=subprocess.DEVNULL, **options)
+        self.callback(end, process)
+        return process
+
+    def launch(self, path=None, environment=None, **options):
+        """Starts the launcher. Its standard error goes to the file at .trace, a new one each time."""
+        self.trace_number += 1
+        trace = pathlib.Path(f"/tmp/trace{self.trace_number}")
+        with open(trace, "wb") as stream:
+            process = self.start([str(path or self.launcher_path)], env=environment or self.environment, stderr=stream,
+                                 stdout=stream, **options)
+        process.trace = trace
+        return process
+
+    def start_companion(self):
+        """Starts the installed companion and returns its process id."""
+        subprocess.run(["open", "-n", str(self.folder / "KR.app")], check=True, user=UID, group=UID, extra_groups=[],
+                       env=self.environment)
+        return until(companions, "the companion runs")[0]
+
+
+def own(path):
+    """Gives a folder and all in it to alice."""
+    subprocess.run(["chown", "-hR", f"{UID}:{UID}", str(path)], check=True)
+
+
+def end(process):
+    if process.poll() is None:
+        process.kill()
+    process.wait()
+
+
+def processes(name):
+    """The ids of the processes of exactly this name that have not ended."""
+    found = []
+    for folder in pathlib.Path("/proc").iterdir():
+        if folder.name.isdigit():
+            with contextlib.suppress(OSError):
+                status = (folder / "status").read_text()
+                if re.search(rf"^Name:\t{re.escape(name)}$", status, re.M) and not re.search(r"^State:\tZ", status, re.M):
+                    found.append(int(folder.name))
+    return sorted(found)
+
+
+def companions():
+    return processes("KR")
+
+
+def quit_companion(pid):
+    """What the user's Quit does in the companion's menu, once it is up."""
+    def listens():
+        caught = re.search(r"^SigCgt:\t(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M)
+        return int(caught[1], 16) & (1 << (signal.SIGUSR1 - 1))
+    until(listens, "the companion listens")
+    os.kill(pid, signal.SIGUSR1)
