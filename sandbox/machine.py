@@ -97,8 +97,7 @@ class Machine(contextlib.ExitStack):
         own(self.folder)
         self.service = self.enter_context(service_module.Service(make_certificates()))
         self.display, self.display_process = self.start_display()
-        self.environment = {"PATH": os.environ["PATH"], "HOME": str(HOME), "USER": USER, "DISPLAY": self.display,
-                            "LANG": "C.UTF-8", "NO_AT_BRIDGE": "1"}
+        self.environment = os.environ | {"HOME": str(HOME), "USER": USER, "DISPLAY": self.display}
         return self
 
     def offer(self, companion, launcher="2.5", payload=None):

@@ -1,0 +1,203 @@
+"""The built launcher, from its bundle, against a real service and real processes. Runs inside sandbox/enter.
+
+    launcher_test.py NAME
+"""
+import os
+import pathlib
+import plistlib
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
+import service as faults
+from machine import AGENT, HOME, LOCK, TRACE, Machine, companion_program, companions, own, until
+
+BIN = pathlib.Path("/tmp/bin")
+
+
+def state(path):
+    status = path.stat()
+    return path.read_bytes(), status.st_mode, status.st_mtime_ns, status.st_ino
+
+
+def test_newer_companion_is_stopped_replaced_and_started():
+    payload = companion_program("2.6", 3_000_000)
+    with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
+        machine.offer("2.6.0.0", payload=payload)
+        alive = []
+        machine.service.faults["download"] = lambda handler, content: (alive.extend(companions()),
+                                                                       handler.send(200, content))
+        machine.start_companion()
+        began = time.monotonic()
+        machine.launch()
+        machine.service.wait_for("Korvane_CAP")
+        companion, download, launcher = machine.service.requests
+        assert [(r.what, r.method, r.path, r.body) for r in machine.service.requests] == [
+            ("KR_CAP", "POST", faults.VERSION_PATH, "app=KR_CAP"),
+            ("download", "GET", faults.DOWNLOAD_PATH + "KR", ""),
+            ("Korvane_CAP", "POST", faults.VERSION_PATH, "app=Korvane_CAP")], machine.service.requests
+        assert companion.headers["Content-Type"] == "application/x-www-form-urlencoded"
+        assert companion.time - began >= 2 and download.time - companion.time >= 2 and launcher.time - download.time >= 2
+        assert alive == [], "the old companion must be gone before the download"
+        content, mode, *_ = state(machine.companion)
+        assert content == payload and mode == 0o100755
+        assert list(machine.companion.parent.iterdir()) == [machine.companion]
+        pid, = until(companions, "the companion runs")
+        assert str(machine.companion).encode() in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
+
+
+def test_not_newer_does_nothing_and_one_launcher_lives():
+    with Machine() as machine:
+        machine.offer("2.5.9.9", launcher="2.5.9.9")
+        before = state(machine.companion)
+        crowd = [machine.launch() for _ in range(12)]
+        until(lambda: sum(process.poll() is None for process in crowd) == 1, "all but one end")
+        assert sorted(process.poll() or 0 for process in crowd) == [0] * 12
+        until(AGENT.exists, "start-up is complete")
+        assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] and not companions()
+        assert state(machine.companion) == before
+
+        TRACE.unlink()
+        AGENT.unlink()
+        assert machine.launch().wait(60) == 0
+        assert not TRACE.exists() and not AGENT.exists() and len(machine.service.requests) == 2
+
+        next(process for process in crowd if process.poll() is None).kill()
+        assert LOCK.read_bytes() == b""
+        machine.launch()
+        machine.service.wait_for("Korvane_CAP", 2)
+
+
+def test_every_way_to_start_finds_the_folder():
+    with Machine() as machine:
+        machine.offer("2.5")
+        link = HOME / "link"
+        link.symlink_to(machine.launcher_path)
+        folder = machine.folder
+        ways = [(str(link), {}, str(link)),
+                ("../Applications/Korvane.app/Contents/MacOS/Korvane", {"cwd": folder},
+                 f"{folder}/../Applications/Korvane.app/Contents/MacOS/Korvane")]
+        for path, options, raw in ways:
+            process = machine.launch(path, **options)
+            until(AGENT.exists, "start-up is complete")
+            assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
+            agent = plistlib.loads(AGENT.read_bytes())
+            assert agent == {"Label": "com.mervix.korvane", "ProgramArguments": [f"{folder}/Korvane"], "RunAtLoad": True}
+            process.kill()
+            process.wait()
+            AGENT.unlink()
+
+        # The log-in: what launchd would do with the file.
+        bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
+        machine.launch(agent["ProgramArguments"][0], bare)
+        until(AGENT.exists, "start-up is complete")
+        assert TRACE.read_text().splitlines()[1] == f"raw path: {folder}/Korvane"
+        assert plistlib.loads(AGENT.read_bytes()) == agent
+
+
+def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
+    probes = pathlib.Path("/tmp/probes")
+    with Machine() as machine:
+        machine.offer("2.5")
+        machine.flag.write_text("0\n")
+        BIN.mkdir()
+        (BIN / "pgrep").write_text(f'#!/bin/sh\necho "$@" >>{probes}\nexec /usr/bin/pgrep "$@"\n')
+        (BIN / "pgrep").chmod(0o755)
+        launcher = machine.launch(environment=machine.environment | {"PATH": f"{BIN}:{os.environ['PATH']}"})
+        up, = machine.service.wait_for("Korvane_CAP")
+        first = machine.service.wait_for("KR_CAP", 2)[1]
+        machine.flag.write_text("1\r\n")
+        second = machine.service.wait_for("KR_CAP", 3)[2]
+        assert first.time - up.time >= 30 and second.time - first.time >= 30
+        assert probes.read_text() == "-x KR\n" * 2 and machine.flag.exists()
+
+        machine.offer("2.6")
+        before = state(machine.companion)
+        pid = machine.start_companion()
+        until(lambda: len(probes.read_text().splitlines()) == 3, "the third probe")
+        machine.flag.write_text("1\n")
+        own(machine.flag)
+        assert launcher.wait(60) == 0
+        assert not machine.flag.exists() and companions() == [pid]
+        assert len(machine.service.requests) == 4 and state(machine.companion) == before
+
+
+def test_outdated_launcher_ends_itself():
+    with Machine() as machine:
+        machine.offer("2.5", launcher="2.6")
+        assert machine.launch().wait(60) == 255
+        assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] and not AGENT.exists()
+
+        # Inside a running event loop wxExit returns: the loop ends, and nothing more is started.
+        use_in_loop(machine)
+        assert machine.launch().wait(60) == 0
+        assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] * 2 and not AGENT.exists()
+
+
+def use_in_loop(machine):
+    shutil.copy("/build/tests/in_loop", machine.launcher_path)
+
+
+def end_while(machine, launcher, state_of_thread):
+    """Brings the supervision thread into this state."""
+    if state_of_thread == "asleep":
+        machine.service.wait_for("Korvane_CAP")
+        until(AGENT.exists, "start-up is complete")
+    else:
+        machine.service.wait_for("KR_CAP", 2)
+    if state_of_thread == "downloading":
+        machine.service.wait_for("download")
+        until(lambda: list(machine.companion.parent.glob("*.download.*")), "the download has begun")
+
+
+def ends(state_of_thread, in_loop):
+    with Machine() as machine:
+        machine.offer("2.5")
+        machine.service.faults["download"] = faults.stall(1000)
+        if in_loop:
+            use_in_loop(machine)
+        launcher = machine.launch()
+        machine.service.wait_for("Korvane_CAP")
+        machine.offer("2.6", payload=companion_program("2.6", 100_000))
+        before = state(machine.companion)
+        end_while(machine, launcher, state_of_thread)
+        if in_loop:
+            launcher.send_signal(signal.SIGUSR1)
+        else:
+            machine.display_process.kill()
+        # The stalled download would hold a launcher that waits for its thread for 30 s.
+        status = launcher.wait(20)
+        assert status == (0 if in_loop else 1), status
+        assert state(machine.companion) == before
+
+
+def test_end_with_the_display_while_the_thread_sleeps():
+    ends("asleep", in_loop=False)
+
+
+def test_end_with_the_display_while_the_thread_pauses():
+    ends("in the pause", in_loop=False)
+
+
+def test_end_with_the_display_while_the_thread_downloads():
+    ends("downloading", in_loop=False)
+
+
+def test_end_of_the_loop_while_the_thread_pauses():
+    ends("in the pause", in_loop=True)
+
+
+def test_end_of_the_loop_while_the_thread_downloads():
+    ends("downloading", in_loop=True)
+
+
+if __name__ == "__main__":
+    try:
+        globals()["test_" + sys.argv[1]]()
+    except BaseException:
+        for trace in sorted(pathlib.Path("/tmp").glob("trace*")):
+            print(f"{trace}:\n{trace.read_text(errors='replace')[-3000:]}", file=sys.stderr)
+        raise

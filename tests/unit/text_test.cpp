@@ -1,0 +1,107 @@
+// Text in, value out: versions, searches, trimming, quoting.
+#include "companion/AppVersion.h"
+#include "companion/CompanionUpdate.h"
+#include "companion/ServiceClient.h"
+#include "companion/ShellQuote.h"
+#include "ui/LoginDialog.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace {
+
+using Numbers = std::array<std::int64_t, 4>;
+
+Numbers numbers(const AppVersion &version) {
+    return {version.major, version.minor, version.build, version.revision};
+}
+
+TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
+    constexpr std::int64_t kMax = 2147483647;
+    constexpr std::int64_t kMin = -kMax - 1;
+    const struct {
+        std::string text;
+        Numbers service;
+    } table[] = {
+        {"2.6.1.4", {2, 6, 1, 4}},
+        {"2.6", {2, 6, 0, 0}},
+        {"2", {2, 0, 0, 0}},
+        {"", {0, 0, 0, 0}},
+        {"  2.5\r", {2, 5, 0, 0}},
+        {"\t\n2. 5.\v+6.-7.8", {2, 5, 6, -7}},
+        {"2 .5", {2, 0, 0, 0}},
+        {"2..5", {2, 0, 0, 0}},
+        {"2.x", {2, 0, 0, 0}},
+        {".6.1.", {0, 0, 0, 0}},
+        {"v2.5", {0, 0, 0, 0}},
+        {"+-2.5", {0, 0, 0, 0}},
+        {"-2.5", {-2, 5, 0, 0}},
+        {"0x10.5", {0, 0, 0, 0}},
+        {"007.08", {7, 8, 0, 0}},
+        {"2147483648.99999999999999999999", {kMax, kMax, 0, 0}},
+        {"-2147483649.-99999999999999999999", {kMin, kMin, 0, 0}},
+        {std::string("2.\0005", 4), {2, 0, 0, 0}},
+    };
+    for (const auto &[text, expected] : table) {
+        EXPECT_EQ(numbers(parseServiceVersion(text)), expected) << text;
+        EXPECT_EQ(numbers(parseMarkerVersion(text)), (Numbers{expected[0], expected[1], 0, 0})) << text;
+    }
+}
+
+TEST(Text, NewerMeansAStrictlyGreaterKey) {
+    const struct {
+        AppVersion candidate, installed;
+        bool newer;
+    } table[] = {
+        {{2, 6, 0, 0}, {2, 5, 0, 0}, true},
+        {{3, 0, 0, 0}, {2, 999, 0, 0}, true},
+        {{1, 1000, 0, 0}, {2, 0, 0, 0}, false},
+        {{2, 5, 9, 9}, {2, 5, 0, 0}, false},
+        {{0, 0, 0, 0}, {0, 0, 0, 0}, false},
+        {{2147483647, 2147483647, 0, 0}, {2147483647, 0, 0, 0}, true},
+        {{-2147483648, 0, 0, 0}, {2147483647, 0, 0, 0}, false},
+    };
+    for (const auto &[candidate, installed, newer] : table)
+        EXPECT_EQ(isNewerThan(candidate, installed), newer) << candidate.major << "." << candidate.minor;
+}
+
+TEST(Text, SearchIgnoresCase) {
+    EXPECT_EQ(findCaseInsensitive("Hello World", "WORLD"), 6);
+    EXPECT_EQ(findCaseInsensitive("aAaB", "AAB"), 1);
+    EXPECT_EQ(findCaseInsensitive("Hello World", "xyz"), -1);
+    EXPECT_EQ(findCaseInsensitive("Hello World", ""), 0);
+    EXPECT_EQ(findCaseInsensitive("", ""), 0);
+    EXPECT_EQ(findCaseInsensitive("", "a"), -1);
+    EXPECT_EQ(findCaseInsensitive("\xE4\xFF", "\xFF"), 1);
+}
+
+TEST(Text, TrimTakesFourCharactersFromTheEndsOnly) {
+    EXPECT_EQ(trimString(" \t\r\na b\t c\n "), "a b\t c");
+    EXPECT_EQ(trimString("\va\f"), "\va\f");
+    EXPECT_EQ(trimString(" \t\n\r"), "");
+    EXPECT_EQ(trimString(""), "");
+}
+
+TEST(Text, TheShellReadsBackWhatWasQuoted) {
+    std::string everyByte;
+    for (int byte = 1; byte < 256; ++byte)
+        everyByte += static_cast<char>(byte);
+    for (const std::string &text : {everyByte, std::string("\\"), std::string("$HOME`id`$(id)\\\"!*"), std::string()}) {
+        const std::unique_ptr<std::FILE, int (*)(std::FILE *)> shell(
+            popen(("printf %s " + inDoubleQuotes(text)).c_str(), "r"), pclose);
+        std::string result;
+        for (int byte; (byte = std::getc(shell.get())) != EOF;)
+            result += static_cast<char>(byte);
+        EXPECT_EQ(result, text);
+    }
+}
+
+TEST(Text, TheAnswerGrowsByWhatCame) {
+    std::string answer = "a";
+    char data[] = "bcdef";
+    EXPECT_EQ(WriteCallback(data, 2, 2, &answer), 4u);
+    EXPECT_EQ(WriteCallback(data, 1, 0, &answer), 0u);
+    EXPECT_EQ(answer, "abcde");
+}
+
+} // namespace
