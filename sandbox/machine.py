@@ -69,11 +69,28 @@ def make_certificates():
     return {name: context(name) for name in ("good", "wrong-host", "self-signed", "expired")}
 
 
-class Machine(contextlib.ExitStack):
-    """A display, the vendor's service, and an install folder with launcher and companion.
+class Processes(contextlib.ExitStack):
+    """Processes that end with this object."""
 
-    Leaving it ends every process it has started.
-    """
+    def start(self, command, user=UID, **options):
+        """Starts a process, as alice unless told otherwise."""
+        process = subprocess.Popen(command, user=user, group=user, extra_groups=None if user is None else [],
+                                   stdin=subprocess.DEVNULL, **options)
+        self.callback(end, process)
+        return process
+
+    def start_display(self):
+        """Starts an X server and returns its name and process."""
+        reader, writer = os.pipe()
+        process = self.start(["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset"],
+                             user=None, pass_fds=[writer], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(writer)
+        with open(reader) as pipe:
+            return ":" + pipe.readline().strip(), process
+
+
+class Machine(Processes):
+    """A display, the vendor's service, and an install folder with launcher and companion."""
 
     def __init__(self, folder="/home/alice/Applications", installed="2.5", bundle="/build/stage"):
         super().__init__()
@@ -105,22 +122,6 @@ class Machine(contextlib.ExitStack):
         self.service.versions["KR_CAP"] = f'"{companion}"'.encode()
         self.service.versions["Korvane_CAP"] = f'"{launcher}"'.encode()
         self.service.payload = companion_program(companion) if payload is None else payload
-
-    def start_display(self):
-        """Starts an X server and returns its name and process."""
-        reader, writer = os.pipe()
-        process = self.start(["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset"],
-                             user=None, pass_fds=[writer], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(writer)
-        with open(reader) as pipe:
-            return ":" + pipe.readline().strip(), process
-
-    def start(self, command, user=UID, **options):
-        """Starts a process (as alice, unless told otherwise) that ends with this machine."""
-        process = subprocess.Popen(command, user=user, group=user, extra_groups=None if user is None else [],
-                                   stdin=subprocess.DEVNULL, **options)
-        self.callback(end, process)
-        return process
 
     def launch(self, path=None, environment=None, **options):
         """Starts the launcher. Its standard error goes to the file at .trace, a new one each time."""

@@ -145,6 +145,8 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     main->Add(content, 1, wxEXPAND, 0);
     SetSizer(main, true);
     Fit();
+    // Under GTK a window without a minimum shrinks by its title bar when it is first shown, and clips what is in it.
+    main->SetSizeHints(this);
     Centre(wxBOTH);
 
     m_trayIcon = new KorvaneTrayIcon(this);
