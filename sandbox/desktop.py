@@ -14,12 +14,17 @@ import machine
 
 @contextlib.contextmanager
 def desktop():
-    """Yields the environment for programs on a fresh desktop; ends everything on it afterwards."""
+    """Yields the environment for programs on a fresh desktop; ends everything on it afterwards.
+
+    DISPLAY_WITHOUT_IDLE_TIME names a second, bare X server that does not count the time since the last input.
+    """
     with machine.Processes() as processes:
         machine.HOME.mkdir(exist_ok=True)
         machine.own(machine.HOME)
         display, _ = processes.start_display()
-        environment = os.environ | {"DISPLAY": display, "HOME": str(machine.HOME), "USER": machine.USER}
+        plain, _ = processes.start_display("-extension", "MIT-SCREEN-SAVER")
+        environment = os.environ | {"DISPLAY": display, "DISPLAY_WITHOUT_IDLE_TIME": plain,
+                                    "HOME": str(machine.HOME), "USER": machine.USER}
         quiet = {"env": environment, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         processes.start(["openbox"], **quiet)
         processes.start(["trayer", "--edge", "bottom", "--align", "right", "--widthtype", "request", "--height", "26",

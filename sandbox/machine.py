@@ -79,10 +79,11 @@ class Processes(contextlib.ExitStack):
         self.callback(end, process)
         return process
 
-    def start_display(self):
+    def start_display(self, *options):
         """Starts an X server and returns its name and process."""
         reader, writer = os.pipe()
-        process = self.start(["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset"],
+        process = self.start(["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset",
+                              *options],
                              user=None, pass_fds=[writer], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         os.close(writer)
         with open(reader) as pipe:

@@ -250,9 +250,11 @@ TEST_F(System, ProbeMatchesTheExactNameAndCloseAnyCommandLine) {
     EXPECT_TRUE(bystander.alive());
     EXPECT_FALSE(KR_TitleCheck());
 
+    const std::string path = std::getenv("PATH");
     setVariable("PATH", "/nowhere");
     EXPECT_FALSE(KR_TitleCheck());
     CloseKR();
+    setVariable("PATH", path);
 }
 
 } // namespace
