@@ -124,12 +124,12 @@ class Machine(Processes):
         self.service.versions["Korvane_CAP"] = f'"{launcher}"'.encode()
         self.service.payload = companion_program(companion) if payload is None else payload
 
-    def launch(self, path=None, environment=None, **options):
-        """Starts the launcher. Its standard error goes to the file at .trace, a new one each time."""
+    def launch(self, path=None, environment=None, command=None, **options):
+        """Starts the launcher, by another path or command if given. Its output goes to the file at .trace."""
         self.trace_number += 1
         trace = pathlib.Path(f"/tmp/trace{self.trace_number}")
         with open(trace, "wb") as stream:
-            process = self.start([str(path or self.launcher_path)], env=environment or self.environment, stderr=stream,
+            process = self.start(command or [str(path or self.launcher_path)], env=environment or self.environment, stderr=stream,
                                  stdout=stream, **options)
         process.trace = trace
         return process

@@ -45,17 +45,26 @@ class Service:
             pass
 
         Handler.service = service
-        self.server = _Server(("127.0.0.1", port), Handler)
-        self.thread = threading.Thread(target=self.server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True)
+        self.make_server = lambda: _Server(("127.0.0.1", port), Handler)
+        self.server = None
 
     def __enter__(self):
-        self.thread.start()
+        self.listen(True)
         return self
 
     def __exit__(self, *_):
         self.ending.set()
-        self.server.shutdown()
-        self.server.server_close()
+        self.listen(False)
+
+    def listen(self, on):
+        """Accepts connections from now on, or refuses them; those that are open go on."""
+        if on and not self.server:
+            self.server = self.make_server()
+            threading.Thread(target=self.server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True).start()
+        elif not on and self.server:
+            self.server.shutdown()
+            self.server.server_close()
+            self.server = None
 
     def note(self, request):
         with self.changed:
