@@ -43,6 +43,10 @@ std::size_t WriteCallback(void *data, std::size_t size, std::size_t count, std::
     return size * count;
 }
 
+AppVersion parseServiceAnswer(const std::string &answer) {
+    return answer.size() > 2 ? parseServiceVersion(answer.substr(1, answer.size() - 2)) : AppVersion{};
+}
+
 AppVersion getServiceVersion(const std::string &applicationCode) try {
     std::string answer;
     EasyHandle handle(curl_easy_init());
@@ -63,9 +67,9 @@ AppVersion getServiceVersion(const std::string &applicationCode) try {
     const CURLcode result = curl_easy_perform(handle.get());
     handle.reset();
 
-    if (result != CURLE_OK || answer.size() <= 2 || answer.size() > kLongestAnswer)
+    if (result != CURLE_OK || answer.size() > kLongestAnswer)
         return {};
-    return parseServiceVersion(answer.substr(1, answer.size() - 2));
+    return parseServiceAnswer(answer);
 } catch (...) {
     return {};
 }

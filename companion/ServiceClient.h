@@ -9,8 +9,11 @@
 #include <cstddef>
 #include <string>
 
-// Asks for the current version of the application with this code ("KR_CAP" or "Korvane_CAP"). The answer is the version
-// text with one character at each end, which are dropped unseen; the HTTP status is not looked at. Returns the all-zero
+// Reads the version in the service's answer: the version text with one character at each end, which are dropped unseen.
+AppVersion parseServiceAnswer(const std::string &answer);
+
+// Asks for the current version of the application with this code ("KR_CAP" or "Korvane_CAP") and reads the answer,
+// whatever the HTTP status. Returns the all-zero
 // version when the exchange fails in any way. Takes at most 30 s (15 s of them to connect) and 64 KiB of answer.
 AppVersion getServiceVersion(const std::string &applicationCode);
 
