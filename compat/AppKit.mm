@@ -24,6 +24,20 @@ void leaveDarkTheme(GtkSettings *settings) {
     g_free(name);
 }
 
+void useLightTheme() {
+    GtkSettings *settings = gtk_settings_get_default();
+    if (!settings)
+        return;
+    // Set by the application, these outrank the user's settings file and the desktop's settings daemon.
+    g_object_set(settings, "gtk-application-prefer-dark-theme", FALSE, nullptr);
+    leaveDarkTheme(settings);
+}
+
+gboolean beforeFirstWindow(GSignalInvocationHint *, guint, const GValue *, gpointer) {
+    useLightTheme();
+    return FALSE; // once is enough
+}
+
 } // namespace
 
 @implementation NSString
@@ -38,11 +52,14 @@ void leaveDarkTheme(GtkSettings *settings) {
 
 @implementation NSApplication
 - (void)setAppearance:(NSAppearance *)appearance {
-    GtkSettings *settings = gtk_settings_get_default();
-    if (!appearance || !settings)
+    if (!appearance)
         return;
-    // Set by the application, these outrank the user's settings file and the desktop's settings daemon.
-    g_object_set(settings, "gtk-application-prefer-dark-theme", FALSE, nullptr);
-    leaveDarkTheme(settings);
+    // Asking for the settings makes GTK read a whole theme, which an application that never shows a window can spare.
+    GList *windows = gtk_window_list_toplevels();
+    if (windows)
+        useLightTheme();
+    else
+        g_signal_add_emission_hook(g_signal_lookup("realize", GTK_TYPE_WIDGET), 0, beforeFirstWindow, nullptr, nullptr);
+    g_list_free(windows);
 }
 @end
