@@ -152,6 +152,16 @@ def body(text):
     return lambda handler, content: handler.send(200, text)
 
 
+def redirect(handler, _):
+    """A redirect to where a good answer would be."""
+    handler.send(302, b"", Location=handler.path)
+
+
+def page(handler, _):
+    """An error page."""
+    handler.send(500, b"<html>sorry")
+
+
 def cut(offset):
     """The promised length, but the connection is closed in good order after so many bytes."""
     def fault(handler, content):
@@ -160,11 +170,6 @@ def cut(offset):
         handler.wfile.flush()
         handler.request.unwrap()
     return fault
-
-
-def too_short_length(handler, content):
-    """A length that promises less than comes."""
-    handler.send(200, content, length=len(content) // 2)
 
 
 def chunked_cut(offset):

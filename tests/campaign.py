@@ -2,8 +2,8 @@
 
     campaign.py SEED ROUNDS WORKER WORKERS CYCLES
 
-Plays this worker's share of ROUNDS rounds of every fault, then CYCLES supervision cycles in one launcher. Writes a line
-"round fault outcome" for each, and stops at the first broken promise with exit status 1. script/torture runs it.
+Plays this worker's share of ROUNDS rounds of every fault, then CYCLES supervision cycles in one launcher, and writes a
+line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
 """
 import contextlib
 import hashlib
@@ -20,228 +20,168 @@ import traceback
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
 import service as net
-from machine import AGENT, LOCK, Machine, companion_program, companions, end, own, processes, until
+from machine import AGENT, LOCK, Machine, companion_program, companions, own, processes, until
 
-BIN = pathlib.Path("/tmp/bin")
-OPENED = pathlib.Path("/tmp/opened")
+BIN, OPENED, HOSTS = pathlib.Path("/tmp/bin"), pathlib.Path("/tmp/opened"), pathlib.Path("/etc/hosts")
+OLD = companion_program("2.5")
 ROUND_SECONDS = 200  # the mandated pauses and every time limit, one after another, with room to spare
 
 
 class Round:
-    """What a fault may change: the surroundings before the start, and what is expected afterwards."""
+    """One round: what is expected of it unless its fault says otherwise, and what the faults are made with."""
+    outcomes = {"old"}  # of the installed executable: "old", "new", "absent", "folder"
+    starts = 1  # how often the start command runs; None: it depends
+    status = None  # of the launcher; None: it lives
+    command = None  # what starts the launcher, if not its own path
 
-    def __init__(self, machine, rng):
-        self.machine, self.rng = machine, rng
+    def __init__(self, machine, rng, undo):
+        self.machine, self.rng, self.undo, self.service = machine, rng, undo.callback, machine.service
         self.payload = companion_program("2.6", rng.choice([700, rng.randrange(1000, 400_000)]))
         self.offset = rng.randrange(len(self.payload))
-        self.outcomes = {"old"}  # of "old", "new", "absent"
-        self.starts = 1  # how often the start command runs
-        self.statuses = {None}  # of the launcher; None: it lives
-        self.command = None
-        self.when_launched = lambda launcher: None
+        self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
 
-    def at(self, what, action):
-        """Does something when the service is asked, before it answers well."""
-        def fault(handler, content):
-            action(handler)
-            handler.send(200, content)
-        self.machine.service.faults[what] = fault
+    def launched(self, launcher):
+        """What happens while the launcher runs."""
+
+    def expect(self, **changes):
+        vars(self).update(changes)
+
+    def asked(self, what, action):
+        """Does something when the service is asked, which then answers well."""
+        self.service.faults[what] = lambda handler, content: (action(handler), handler.send(200, content))
 
 
-def version(fault, starts=0, outcomes=("old",)):
-    def play(this):
-        this.machine.service.faults["version"] = fault(this)
-        this.starts, this.outcomes = starts, set(outcomes)
+def serve(what, make, **expected):
+    def play(r):
+        r.service.faults[what] = make(r)
+        r.expect(**expected)
     return play
 
 
-def download(fault, outcomes=("old",)):
-    def play(this):
-        this.machine.service.faults["download"] = fault(this)
-        this.outcomes = set(outcomes)
+def do(action, **expected):
+    def play(r):
+        action(r)
+        r.expect(**expected)
     return play
 
 
-def connection(fault):
-    def play(this):
-        this.machine.service.faults["connect"] = fault
-        this.starts = 0
-    return play
+def certificate(r, name):
+    r.service.certificate = name
 
 
-def certificate(name, late):
-    def play(this):
-        service = this.machine.service
-        if late:
-            this.at("version", lambda handler: setattr(service, "certificate", name))
-        else:
-            service.certificate, this.starts = name, 0
-    return play
+def refused(r):
+    r.asked("version", lambda handler: r.service.listen(False))
+    r.undo(r.service.listen, True)
 
 
-def unresolved(this):
-    hosts = pathlib.Path("/etc/hosts")
-    this.machine.undo(hosts.write_text, hosts.read_text())
-    hosts.write_text("")
-    this.starts = 0
+def unresolved(r):
+    r.undo(HOSTS.write_text, HOSTS.read_text())
+    HOSTS.write_text("")
 
 
-def refused(this):
-    this.at("version", lambda handler: this.machine.service.listen(False))
-    this.machine.undo(this.machine.service.listen, True)
+def full_disk(r):
+    status, size = r.target.stat(), 4096 * r.rng.randrange(1, len(r.payload) // 4096 + 3)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000", "none", r.folder], check=True)
+    r.undo(subprocess.run, ["umount", "-l", r.folder], check=True)
+    lay_old(r.target, (status.st_atime_ns, status.st_mtime_ns))
+    r.outcomes = {"new" if size >= len(r.payload) else "old"}
 
 
-def disk_full(this):
-    folder = this.machine.companion.parent
-    size = max(4096, this.rng.randrange(len(this.payload) + 8192) // 4096 * 4096)
-    before = this.machine.companion.stat()
-    content = this.machine.companion.read_bytes()
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000,mode=755", "none", str(folder)], check=True)
-    this.machine.undo(subprocess.run, ["umount", "-l", str(folder)], check=True)
-    restore(this.machine.companion, content, before)
-    this.outcomes = {"new"} if size >= len(this.payload) else {"old"}
-
-
-def failing_call(this):
+def failing_call(r):
     """A step of the replacement fails, after all bytes have been received."""
-    call, error = this.rng.choice(["fsync", "chmod", "rename"]), this.rng.choice(["ENOSPC", "EIO"])
-    this.command = ["strace", "-f", "-o", "/dev/null", "-e", f"trace={call}", "-e", f"inject={call}:error={error}:when=1",
-                    str(this.machine.launcher_path)]
+    call, error = r.rng.choice(["fsync", "chmod", "rename"]), r.rng.choice(["ENOSPC", "EIO"])
+    r.command = ["strace", "-f", "-o", "/dev/null", "-e", f"inject={call}:error={error}:when=1", r.machine.launcher_path]
 
 
-def no_descriptors(this):
-    def limit(handler):
+def no_descriptors(r):
+    def limit(_):
         launcher, = processes("Korvane")
-        used = 1 + max(int(fd.name) for fd in pathlib.Path(f"/proc/{launcher}/fd").iterdir())
-        resource.prlimit(launcher, resource.RLIMIT_NOFILE, (used + this.rng.randrange(4), 4096))
-    this.at("version", limit)
-    this.outcomes, this.starts = {"old", "new"}, None
-    this.done = lambda: "Korvane_CAP" in this.machine.service.order() or AGENT.exists() or time.monotonic() > this.latest
-    this.latest = time.monotonic() + 9
+        used = 1 + max(int(name) for name in os.listdir(f"/proc/{launcher}/fd"))
+        resource.prlimit(launcher, resource.RLIMIT_NOFILE, (used + r.rng.randrange(4), 4096))
+    r.asked("version", limit)
+    latest = time.monotonic() + 9
+    r.done = lambda: AGENT.exists() or time.monotonic() > latest
 
 
-def folder(change, outcomes):
-    def play(this):
-        change(this)
-        this.outcomes = outcomes
-    return play
-
-
-def read_only(this):
-    parent = this.machine.companion.parent
-    parent.chmod(0o555)
-    this.machine.undo(parent.chmod, 0o755)
-
-
-def become_directory(this):
-    this.machine.companion.unlink()
-    (this.machine.companion / "inside").mkdir(parents=True)
-    this.machine.undo(shutil.rmtree, this.machine.companion)
-
-
-def vanish_during_download(this):
+def vanish(r):
     def fault(handler, content):
         handler.head(200, len(content))
-        handler.wfile.write(content[:this.offset])
-        shutil.rmtree(this.machine.companion.parent)
-        handler.wfile.write(content[this.offset:])
-    this.machine.service.faults["download"] = fault
+        handler.wfile.write(content[:r.offset])
+        shutil.rmtree(r.folder)
+        handler.wfile.write(content[r.offset:])
+    r.service.faults["download"] = fault
 
 
-def killed(this):
-    delay = this.rng.uniform(0, 7)
-    this.outcomes, this.starts, this.statuses = {"old", "new"}, None, {-9}
-    this.when_launched = lambda launcher: (time.sleep(delay), launcher.kill())
+def read_only(r, folder):
+    folder.chmod(0o555)
+    r.undo(folder.chmod, 0o755)
 
 
-def killed_during_download(this):
-    service = this.machine.service
-    service.faults["download"] = net.stall(this.offset)
-    this.starts, this.statuses = 0, {-9}
-
-    def kill(launcher):
-        service.wait_for("download")
-        time.sleep(this.rng.uniform(0, 0.3))
-        launcher.kill()
-    this.when_launched = kill
+def become_folder(r):
+    r.target.unlink()
+    (r.target / "inside").mkdir(parents=True)
+    r.undo(shutil.rmtree, r.target)
 
 
-def display_lost(this):
-    name, process = this.machine.start_display()
-    delay = this.rng.uniform(0.5, 7)
-    this.command = ["env", f"DISPLAY={name}", str(this.machine.launcher_path)]
-    this.outcomes, this.statuses = {"new"}, {1}
-    this.done = lambda: False
-    this.when_launched = lambda launcher: (time.sleep(delay), process.kill())
+def kill_anywhere(r):
+    delay = r.rng.uniform(0, 7)
+    r.launched = lambda launcher: (time.sleep(delay), launcher.kill())
 
 
-def two_without_lock(this):
+def kill_during_download(r):
+    r.service.faults["download"] = net.stall(r.offset)
+    delay = r.rng.uniform(0, 0.3)
+    r.launched = lambda launcher: (r.service.wait_for("download"), time.sleep(delay), launcher.kill())
+
+
+def lose_display(r):
+    name, display = r.machine.start_display()
+    delay = r.rng.uniform(0.5, 7)
+    r.command, r.done = ["env", f"DISPLAY={name}", r.machine.launcher_path], lambda: False
+    r.launched = lambda launcher: (time.sleep(delay), display.kill())
+
+
+def two_launchers(r):
     LOCK.touch(0o600)
-    this.machine.launch()
-    this.outcomes, this.starts = {"new"}, None  # either's pkill may end the other's start command
-    this.done = lambda: len(this.machine.service.order()) == 6 and AGENT.exists()
+    r.machine.launch()
+    r.done = lambda: len(r.service.order()) == 6 and AGENT.exists()
 
 
-def tool(name, body, starts=1):
-    def play(this):
-        (BIN / name).unlink(missing_ok=True)
+def tool(name, body=None):
+    def play(r):
+        (BIN / name).unlink()
         if body:
             script(name, body)
-        this.machine.undo(lay_tools)
-        this.outcomes, this.starts = {"new"}, starts
+        r.undo(lay_tools)
     return play
 
 
-def companion_dies(this):
-    pid = this.machine.start_companion()
-    this.at("version", lambda handler: os.kill(pid, 9) if pid in companions() else None)
-    this.outcomes = {"new"}
+def companion_dies(r):
+    pid = r.machine.start_companion()
+    r.asked("version", lambda _: pid in companions() and os.kill(pid, 9))
 
 
-def companion_ignores_terminate(this):
-    pid = this.machine.start_companion()
-    os.kill(pid, 9)
-    this.machine.start(["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"])
-    this.outcomes = {"new"}
+def companion_ignores_sigterm(r):
+    r.machine.start(["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"])
 
 
-def marker(form, expected="new"):
-    def play(this):
-        odd_file(this.machine.marker, form, this.rng)
-        this.outcomes, this.starts = {expected}, int(expected == "new")
-        if expected == "new":
-            this.statuses = {255}  # what counts as 0.0 is outdated
-    return play
-
-
-def flag(form):
-    """The flag is read 3 s after start-up; nothing but "1" may matter. The round goes on until then."""
-    def play(this):
-        odd_file(this.machine.flag, form, this.rng)
-        this.outcomes = {"new"}
-        this.done = lambda: AGENT.exists() and time.time() > AGENT.stat().st_mtime + 4
-    return play
-
-
-def flag_flickers(this):
-    def flicker(launcher):
+def flicker(r):
+    def flickers(_):
         until(AGENT.exists, "start-up is complete")
         for _ in range(200):
-            this.machine.flag.write_text(this.rng.choice(["", "0\n", "1x", "\n1"]))
+            r.machine.flag.write_text(r.rng.choice(["", "0\n", "1x", "\n1"]))
             time.sleep(0.02)
-            this.machine.flag.unlink(missing_ok=True)
-    this.outcomes, this.when_launched = {"new"}, flicker
+            r.machine.flag.unlink(missing_ok=True)
+    r.launched = flickers
+    flag_is_read(r)
 
 
-def agents_read_only(this):
-    AGENT.parent.chmod(0o555)
-    this.machine.undo(AGENT.parent.chmod, 0o755)
-    this.outcomes = {"new"}
-    this.done = lambda: "Korvane_CAP" in this.machine.service.order()
+def flag_is_read(r):
+    r.done = lambda: AGENT.exists() and time.time() > AGENT.stat().st_mtime + 4  # the first time 3 s after start-up
 
 
-def odd_file(path, form, rng):
+def odd(path, form, rng):
     path.unlink(missing_ok=True)
     if form == "pipe":
         os.mkfifo(path)
@@ -253,43 +193,53 @@ def odd_file(path, form, rng):
     elif form == "unreadable":
         path.touch(0)
     else:
-        path.write_bytes({"binary": rng.randbytes(5000).replace(b"\n", b"") + b"\0", "empty": b"",
-                          "equal": b"  +2.6.9\r\n", "far ahead": b"9" * 5000}[form])
+        path.write_bytes(form or rng.randbytes(5000).replace(b"\n", b"") + b"\0")
 
 
-FAULTS = {
-    "version: reset": version(lambda r: net.reset(0)), "version: empty": version(lambda r: net.body(b"")),
-    "version: stalled": version(lambda r: net.stall(1)), "version: dripping": version(lambda r: net.drip(8)),
-    "version: cut": version(lambda r: net.cut(3)), "version: chunked and cut": version(lambda r: net.chunked_cut(3)),
-    "version: error with a page": version(lambda r: lambda h, c: h.send(500, b"<html>sorry")),
-    "version: error with a version": version(lambda r: net.status(500), 1, ["new"]),
-    "version: redirect": version(lambda r: lambda h, c: h.send(302, b"", Location=net.VERSION_PATH + "2")),
-    "version: endless": version(lambda r: net.endless), "version: too long": version(lambda r: net.body(b'"9' * 40_000)),
-    "download: reset": download(lambda r: net.reset(r.offset)), "download: stalled": download(lambda r: net.stall(r.offset)),
-    "download: dripping": download(lambda r: net.drip(0.05)), "download: cut": download(lambda r: net.cut(r.offset)),
-    "download: chunked and cut": download(lambda r: net.chunked_cut(r.offset)),
-    "download: error with a body": download(lambda r: net.status(r.rng.choice([201, 206, 403, 404, 500, 503]))),
-    "download: redirect": download(lambda r: net.status(302, Location="/elsewhere")),
-    "download: empty": download(lambda r: net.body(b"")), "download: good": download(lambda r: None, ["new"]),
-    "download: refused": refused, "handshake: never ends": connection(net.silent_handshake),
-    "handshake: reset": connection(net.reset_handshake), "name does not resolve": unresolved,
-    "certificate: expired": certificate("expired", False), "certificate: self-signed": certificate("self-signed", False),
-    "certificate: wrong host": certificate("wrong-host", False),
-    "certificate: self-signed later": certificate("self-signed", True),
-    "disk: full": disk_full, "disk: a call fails": failing_call, "disk: no descriptors": no_descriptors,
-    "folder: read-only": folder(read_only, {"old"}), "folder: target is one": folder(become_directory, {"folder"}),
-    "folder: missing": folder(lambda r: shutil.rmtree(r.machine.companion.parent), {"absent"}),
-    "folder: goes during download": folder(vanish_during_download, {"absent"}),
-    "target: missing": folder(lambda r: r.machine.companion.unlink(), {"new"}),
-    "killed": killed, "killed during download": killed_during_download, "display lost": display_lost,
-    "two launchers, no lock": two_without_lock, "pkill missing": tool("pkill", None), "pkill fails": tool("pkill", "exit 3"),
-    "open missing": tool("open", None, starts=0), "open fails": tool("open", "echo >>/tmp/opened; exit 1"),
-    "companion dies": companion_dies, "companion ignores SIGTERM": companion_ignores_terminate,
-    "marker: pipe": marker("pipe"), "marker: folder": marker("folder"), "marker: huge": marker("huge"),
-    "marker: binary": marker("binary"), "marker: unreadable": marker("unreadable"), "marker: empty": marker("empty"),
-    "marker: equal": marker("equal", "old"), "marker: far ahead": marker("far ahead", "old"),
-    "flag: pipe": flag("pipe"), "flag: folder": flag("folder"), "flag: huge": flag("huge"), "flag: binary": flag("binary"),
-    "flag: unreadable": flag("unreadable"), "flag: flickers": flag_flickers, "LaunchAgents: read-only": agents_read_only,
+HTTP_FAULTS = {
+    "reset": net.reset, "stalled": net.stall, "cut": net.cut, "chunked and cut": net.chunked_cut,
+    "empty": lambda _: net.body(b""), "redirect": lambda _: net.redirect}
+NEW, ODD = {"outcomes": {"new"}}, ("pipe", "folder", "huge", "unreadable", None)
+FAULTS = {f"download: {name}": serve("download", lambda r, make=make: make(r.offset)) for name, make in HTTP_FAULTS.items()}
+FAULTS |= {f"version: {name}": serve("version", lambda r, make=make: make(r.offset % 5), starts=0)
+           for name, make in HTTP_FAULTS.items()}
+FAULTS |= {f"certificate: {name}": do(lambda r, name=name: certificate(r, name), starts=0)
+           for name in ("expired", "self-signed", "wrong-host")}
+FAULTS |= {f"marker: {form or 'binary'}": do(lambda r, form=form: odd(r.machine.marker, form, r.rng), **NEW, status=255)
+           for form in ODD}  # what counts as 0.0 is outdated
+FAULTS |= {f"flag: {form or 'binary'}": do(lambda r, form=form: (odd(r.machine.flag, form, r.rng), flag_is_read(r)), **NEW)
+           for form in ODD}
+FAULTS |= {
+    "none": do(lambda r: None, **NEW),
+    "version: dripping": serve("version", lambda r: net.drip(8), starts=0),
+    "version: error with a page": serve("version", lambda r: net.page, starts=0),
+    "version: error with a version": serve("version", lambda r: net.status(500), **NEW),
+    "version: endless": serve("version", lambda r: net.endless, starts=0),
+    "version: too long": serve("version", lambda r: net.body(b'"9' * 40_000), starts=0),
+    "download: dripping": serve("download", lambda r: net.drip(0.05)),
+    "download: error with a body": serve("download", lambda r: net.status(r.rng.choice([201, 206, 404, 500, 503]))),
+    "download: refused": refused,
+    "certificate: changes": do(lambda r: r.asked("version", lambda _: certificate(r, "self-signed"))),
+    "handshake: never ends": serve("connect", lambda r: net.silent_handshake, starts=0),
+    "handshake: reset": serve("connect", lambda r: net.reset_handshake, starts=0),
+    "name: does not resolve": do(unresolved, starts=0),
+    "disk: full": full_disk, "disk: a call fails": failing_call,
+    "disk: no descriptors": do(no_descriptors, outcomes={"old", "new"}, starts=None),
+    "folder: read-only": do(lambda r: read_only(r, r.folder)),
+    "folder: in the target's place": do(become_folder, outcomes={"folder"}),
+    "folder: missing": do(lambda r: shutil.rmtree(r.folder), outcomes={"absent"}),
+    "folder: vanishes": do(vanish, outcomes={"absent"}), "target: missing": do(lambda r: r.target.unlink(), **NEW),
+    "LaunchAgents: read-only": do(lambda r: read_only(r, AGENT.parent), **NEW, done=None),
+    "killed: anywhere": do(kill_anywhere, outcomes={"old", "new"}, starts=None, status=-9),
+    "killed: in the download": do(kill_during_download, starts=0, status=-9),
+    "display lost": do(lose_display, outcomes={"old", "new"}, starts=None, status=1),
+    "two launchers, no lock": do(two_launchers, **NEW, starts=None),  # either's pkill may end the other's start command
+    "pkill: missing": do(tool("pkill"), **NEW), "pkill: fails": do(tool("pkill", "exit 3"), **NEW),
+    "open: missing": do(tool("open"), **NEW, starts=0), "open: fails": do(tool("open", "echo >>/tmp/opened; exit 1"), **NEW),
+    "companion: dies": do(companion_dies, **NEW), "companion: ignores SIGTERM": do(companion_ignores_sigterm, **NEW),
+    "marker: equal": do(lambda r: odd(r.machine.marker, b"  +2.6.9\r\n", r.rng), starts=0),
+    "marker: far ahead": do(lambda r: odd(r.machine.marker, b"9" * 5000, r.rng), starts=0),
+    "flag: flickers": do(flicker, **NEW),
 }
 
 
@@ -302,29 +252,27 @@ def lay_tools():
     """The only tools on the launcher's PATH; "open" is counted."""
     BIN.mkdir(exist_ok=True)
     script("open", 'echo >>/tmp/opened; exec /build/compat/open "$@"')
-    for name in ("pgrep", "pkill"):
-        script(name, f'exec /usr/bin/{name} "$@"')
+    script("pgrep", 'exec /usr/bin/pgrep "$@"')
+    script("pkill", 'exec /usr/bin/pkill "$@"')
 
 
-def restore(path, content, status):
-    path.write_bytes(content)
-    path.chmod(status.st_mode & 0o7777)
-    os.utime(path, ns=(status.st_atime_ns, status.st_mtime_ns))
-    os.chown(path, 1000, 1000)
+def lay_old(target, times):
+    target.write_bytes(OLD)
+    target.chmod(0o700)
+    os.utime(target, ns=times)
+    own(target.parent)
 
 
 def snapshot(machine):
-    """Everything in the install folder but the target and its staging files."""
+    """Everything in the install folder but the target, its staging files and what rounds make odd."""
     def describe(path):
-        status = path.lstat()
-        content = hashlib.sha256(path.read_bytes()).digest() if path.is_file() and status.st_size < 1 << 30 else None
-        return status.st_mode, content
+        return path.lstat().st_mode, hashlib.sha256(path.read_bytes()).digest() if path.is_file() else None
     return {path: describe(path) for path in machine.folder.rglob("*")
-            if not str(path).startswith(str(machine.companion)) and path not in (machine.marker, machine.flag)}
+            if machine.companion.parent not in (path, *path.parents) and path not in (machine.marker, machine.flag)}
 
 
 def staging(machine):
-    return [path for path in machine.folder.rglob("*.download.*")]
+    return list(machine.folder.rglob("*.download.*"))
 
 
 def check(condition, promise):
@@ -332,79 +280,79 @@ def check(condition, promise):
         raise AssertionError(promise)
 
 
-def play(machine, fault, rng):
-    """One round; returns the outcome, or raises when a promise is broken."""
-    service = machine.service
-    service.faults.clear()
-    service.requests.clear()
-    service.certificate = "good"
-    for path in (machine.marker, machine.flag):
-        shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink(missing_ok=True)
-    for path in (AGENT, LOCK, OPENED):
-        path.unlink(missing_ok=True)
+def begin(machine):
+    """Brings the machine back to where every round starts."""
+    machine.service.faults.clear()
+    machine.service.requests.clear()
+    machine.service.certificate = "good"
+    for path in (machine.marker, machine.flag, AGENT, LOCK, OPENED):
+        shutil.rmtree(path) if path.is_dir() else path.unlink(missing_ok=True)
     machine.marker.write_text("2.5\n")
-    machine.companion.parent.mkdir(exist_ok=True)
-    machine.companion.write_bytes(companion_program("2.5"))
-    machine.companion.chmod(0o700)
-    own(machine.folder)
     OPENED.touch()
     OPENED.chmod(0o666)
-    before = machine.companion.stat()
+    machine.companion.parent.mkdir(exist_ok=True)
+    lay_old(machine.companion, (10**18, 10**18))
 
+
+def clear_away(name):
+    for pid in processes(name):
+        os.kill(pid, 9)
+    until(lambda: not processes(name), "the end of the round")
+
+
+def outcome(r):
+    if not r.target.exists():
+        return "absent"
+    if r.target.is_dir():
+        return "folder"
+    content, status = r.target.read_bytes(), r.target.stat()
+    if content == OLD:
+        check((status.st_mode, status.st_mtime_ns) == (0o100700, 10**18), "the old executable's mode or times changed")
+        return "old"
+    check(content == r.payload and status.st_mode == 0o100755, "the installed executable is damaged")
+    return "new"
+
+
+def play(machine, fault, rng):
+    """One round; returns the outcome, or raises when a promise is broken."""
+    begin(machine)
     with contextlib.ExitStack() as undo:
-        machine.undo = undo.callback
-        this = Round(machine, rng)
-        machine.offer("2.6", payload=this.payload)
-        FAULTS[fault](this)
-        untouched = snapshot(machine)
-        launcher = machine.launch(command=this.command, environment=machine.environment | {"PATH": f"{BIN}:/bin"})
-        threading.Thread(target=this.when_launched, args=[launcher], daemon=True).start()
-        until(lambda: this.done() or launcher.poll() is not None, "a launcher that hangs", ROUND_SECONDS)
-        check(launcher.poll() in this.statuses, f"the launcher's status is {launcher.poll()}, not in {this.statuses}")
-        for pid in processes("Korvane"):
-            os.kill(pid, 9)
-        until(lambda: not processes("Korvane"), "the end of the round")
+        r = Round(machine, rng, undo)
+        machine.offer("2.6", payload=r.payload)
+        FAULTS[fault](r)
+        done = r.done or (lambda: "Korvane_CAP" in r.service.order())
+        before, leftovers = snapshot(machine), staging(machine)
+        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": f"{BIN}:/bin"})
+        threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
+        until(lambda: done() or launcher.poll() is not None, "a launcher that hangs", ROUND_SECONDS)
+        check(launcher.poll() == r.status, f"the launcher's status is {launcher.poll()}, not {r.status}")
+        clear_away("Korvane")
 
-        outcome = "absent"
-        if machine.companion.is_dir():
-            outcome = "folder"
-        elif machine.companion.exists():
-            content, status = machine.companion.read_bytes(), machine.companion.stat()
-            if content == companion_program("2.5"):
-                outcome = "old"
-                check((status.st_mode, status.st_mtime_ns) == (before.st_mode, before.st_mtime_ns), "mode or times changed")
-            else:
-                check(content == this.payload and status.st_mode == 0o100755, "the installed executable is damaged")
-                outcome = "new"
-        check(outcome in this.outcomes, f"the executable is {outcome}, not in {this.outcomes}")
-        opened = len(OPENED.read_text().splitlines())
-        check(this.starts in (None, opened), f"the start command ran {opened} times, not {this.starts}")
-        check("killed" in fault or not staging(machine), "a staging file is left over")
-        gone = {path for path in untouched if not path.exists()} if fault == "folder: goes during download" else set()
-        check(snapshot(machine) == {p: d for p, d in untouched.items() if p not in gone}, "something else has changed")
-        for pid in companions():
-            os.kill(pid, 9)
-        return outcome
+        found, opened = outcome(r), len(OPENED.read_text().splitlines())
+        check(found in r.outcomes, f"the executable is {found}, not in {r.outcomes}")
+        check(r.starts in (None, opened), f"the start command ran {opened} times, not {r.starts}")
+        check(r.status == -9 or set(staging(machine)) <= set(leftovers if found != "new" else []), "a staging file is left")
+        check(snapshot(machine) == before, "something else has changed")
+        clear_away("KR")
+        return found
 
 
 def supervise(machine, rng, cycles):
     """One launcher through many cycles in quick time, each with a companion that died and a download fault."""
-    service = machine.service
+    begin(machine)
     machine.offer("2.6", payload=companion_program("2.6", 50_000))
     kinds = [net.reset(700), net.cut(700), net.chunked_cut(700), net.status(500), net.body(b""), None]
-    launcher = machine.launch(command=["faketime", "-m", "-f", "+0 x20", str(machine.launcher_path)],
-                              environment=machine.environment | {"PATH": f"{BIN}:/bin:/usr/bin"})
+    launcher = machine.launch(command=["faketime", "-m", "-f", "+0 x20", machine.launcher_path],
+                              environment=machine.environment | {"PATH": f"{BIN}:/bin"})
     usage = []
     for cycle in range(cycles):
-        service.faults["download"] = rng.choice(kinds)
-        service.wait_for("download", cycle + 1)
+        machine.service.faults["download"] = rng.choice(kinds)
         until(lambda: len(OPENED.read_text().splitlines()) == cycle + 1, "the start command runs after every download")
         until(companions, "the companion runs")
-        for pid in companions():
-            os.kill(pid, 9)
+        clear_away("KR")
         status = pathlib.Path(f"/proc/{launcher.pid}/status").read_text()
         memory = sum(int(line.split()[1]) for line in status.splitlines() if line.startswith(("RssAnon", "VmData")))
-        usage.append((memory, len(list(pathlib.Path(f"/proc/{launcher.pid}/fd").iterdir()))))
+        usage.append((memory, len(os.listdir(f"/proc/{launcher.pid}/fd"))))
         print(cycle, "supervision cycle", "started again", sep="\t", flush=True)
     settled = usage[len(usage) // 4]
     check(usage[-1][1] <= settled[1] + 3, f"descriptors grow: {settled} to {usage[-1]}")
@@ -421,18 +369,13 @@ def main():
     random.Random(seed).shuffle(plan)
     with Machine() as machine:
         lay_tools()
-        number, fault = None, "the set-up"
+        number, fault = None, None
         try:
             for number in range(worker, len(plan), workers):
                 fault = plan[number]
                 print(number, fault, play(machine, fault, random.Random(f"{seed} {number}")), sep="\t", flush=True)
-            fault = "supervision"
             if cycles:
-                play(machine, "download: good", random.Random(seed))
-                OPENED.write_text("")
-                for path in (AGENT, LOCK):
-                    path.unlink(missing_ok=True)
-                machine.service.requests.clear()
+                fault = "supervision"
                 supervise(machine, random.Random(f"{seed} {worker}"), cycles)
         except BaseException:
             print(f"BROKEN\tseed {seed}, round {number}: {fault}\n{traceback.format_exc()}", flush=True)

@@ -7,6 +7,7 @@
 #include "ui/LoginDialog.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -65,6 +66,10 @@ void search(const std::string &input) {
 }
 
 void quote(const std::string &text) {
+    struct sigaction timer = {}; // the fuzzer's own, which must not cut a read short
+    sigaction(SIGALRM, nullptr, &timer);
+    timer.sa_flags |= SA_RESTART;
+    sigaction(SIGALRM, &timer, nullptr);
     const std::string name = text.substr(0, text.find('\0'));
     const std::unique_ptr<std::FILE, int (*)(std::FILE *)> shell(
         popen(("printf %s " + inDoubleQuotes(name)).c_str(), "r"), pclose);
