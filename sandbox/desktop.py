@@ -1,15 +1,45 @@
-"""Runs a command as alice on a desktop of its own: X server, window manager (openbox) and tray (trayer).
+"""Runs a program as alice on a desktop of its own: X server, window manager (openbox) and tray (trayer).
 
-    desktop.py COMMAND [ARGUMENT...]
+    desktop.py PROGRAM [ARGUMENT...]
 
-Runs inside sandbox/enter; the exit status is the command's.
+The desktop's settings ask for dark windows, twice over: by preference and by a theme of the name "Night-dark". The
+program runs from a folder of its own, with the launcher's pictures beside it. Runs inside sandbox/enter; the exit status
+is the program's.
 """
 import contextlib
 import os
+import pathlib
+import shutil
 import subprocess
 import sys
 
 import machine
+
+
+PICTURES = [pathlib.Path("/source/ui/art") / name for name in ("Korvane.bmp", "offline.png")]
+THEMES = {"Night-dark/gtk-3.0/gtk.css": "#202020", "Night/gtk-3.0/gtk-dark.css": "#202020",
+          "Night/gtk-3.0/gtk.css": "#f0f0f0"}
+
+
+def prefer_dark():
+    settings = machine.HOME / ".config/gtk-3.0/settings.ini"
+    settings.parent.mkdir(parents=True, exist_ok=True)
+    settings.write_text("[Settings]\ngtk-application-prefer-dark-theme=1\ngtk-theme-name=Night-dark\n")
+    for name, background in THEMES.items():
+        theme = machine.HOME / ".local/share/themes" / name
+        theme.parent.mkdir(parents=True, exist_ok=True)
+        theme.write_text('@import url("resource:///org/gtk/libgtk/theme/Adwaita/gtk-contained.css");\n'
+                         f"window.background {{ background-color: {background}; }}\n")
+
+
+def install(program):
+    """Copies the program to a folder of its own, with the pictures, and returns its new path."""
+    folder = machine.HOME / "program"
+    folder.mkdir(exist_ok=True)
+    for file in [program, *PICTURES]:
+        shutil.copy(file, folder)
+    machine.own(folder)
+    return str(folder / pathlib.Path(program).name)
 
 
 @contextlib.contextmanager
@@ -19,7 +49,7 @@ def desktop():
     DISPLAY_WITHOUT_IDLE_TIME names a second, bare X server that does not count the time since the last input.
     """
     with machine.Processes() as processes:
-        machine.HOME.mkdir(exist_ok=True)
+        prefer_dark()
         machine.own(machine.HOME)
         display, _ = processes.start_display()
         plain, _ = processes.start_display("-extension", "MIT-SCREEN-SAVER")
@@ -41,5 +71,5 @@ def desktop():
 
 if __name__ == "__main__":
     with desktop() as environment:
-        sys.exit(subprocess.run(sys.argv[1:], env=environment, user=machine.UID, group=machine.UID, extra_groups=[],
-                                cwd=machine.HOME).returncode)
+        sys.exit(subprocess.run([install(sys.argv[1]), *sys.argv[2:]], env=environment, user=machine.UID,
+                                group=machine.UID, extra_groups=[], cwd=machine.HOME).returncode)

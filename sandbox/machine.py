@@ -22,6 +22,9 @@ AGENT = HOME / "Library/LaunchAgents/com.mervix.korvane.plist"
 TRACE = pathlib.Path("/tmp/korvane_debug.txt")
 LOCK = pathlib.Path("/tmp/Korvane.lock")
 HOST = "service.korvane.example"
+TOOLS = pathlib.Path("/tmp/tools")
+TOOLS_PATH = f"{TOOLS}:/bin"
+CALLS = pathlib.Path("/tmp/calls")
 TLS = pathlib.Path("/run/tls")
 TRUST_STORE = "/etc/ssl/certs/ca-certificates.crt"
 COMPANION = pathlib.Path(__file__).with_name("companion.py").read_text()
@@ -139,6 +142,26 @@ class Machine(Processes):
         subprocess.run(["open", "-n", str(self.folder / "KR.app")], check=True, user=UID, group=UID, extra_groups=[],
                        env=self.environment)
         return until(companions, "the companion runs")[0]
+
+
+def lay_tools():
+    """Makes /tmp/tools the only tools that a launcher on TOOLS_PATH finds; each call of one is noted in CALLS."""
+    TOOLS.mkdir(exist_ok=True)
+    for name, program in (("open", "/build/compat/open"), ("pgrep", "/usr/bin/pgrep"), ("pkill", "/usr/bin/pkill")):
+        lay_tool(name, f'exec {program} "$@"')
+    CALLS.write_text("")
+    CALLS.chmod(0o666)
+
+
+def lay_tool(name, body):
+    """Puts a shell script in the place of a tool."""
+    (TOOLS / name).write_text(f'#!/bin/sh\necho {name} "$@" >>{CALLS}\n{body}\n')
+    (TOOLS / name).chmod(0o755)
+
+
+def calls(name):
+    """How each call of the tool was made: its arguments, in order."""
+    return [line.removeprefix(name + " ") for line in CALLS.read_text().splitlines() if line.startswith(name)]
 
 
 def own(path):

@@ -1,12 +1,9 @@
 """Shows the login window on a desktop, uses it with mouse and keyboard, and writes a picture of each state to /out."""
-import pathlib
-import shutil
 import subprocess
 
 import desktop
 import machine
 
-PROGRAM = machine.HOME / "window/login_window"
 STATES = [("fresh", []), ("no-user-name", ["LogIn"]), ("no-password", ["alice", "LogIn"]),
           ("filled", ["alice\tsecret", "LogIn"])]
 # Where to click, from the window's top left corner: the banner is 400 wide, the form 20 beside it.
@@ -20,7 +17,7 @@ def main():
             def tool(*arguments):
                 return subprocess.run(arguments, env=environment, check=True, capture_output=True, text=True).stdout
 
-            processes.start([str(PROGRAM)], env=environment)
+            processes.start([desktop.install("/build/login_window")], env=environment)
             window = tool("xdotool", "search", "--sync", "--onlyvisible", "--class", "login_window").split()[0]
             tool("xdotool", "windowactivate", "--sync", window)
             for action in actions:
@@ -35,8 +32,4 @@ def main():
 
 
 if __name__ == "__main__":
-    PROGRAM.parent.mkdir(parents=True)
-    shutil.copy("/build/login_window", PROGRAM)
-    for picture in ("Korvane.bmp", "offline.png"):
-        shutil.copy(pathlib.Path("/source/ui/art") / picture, PROGRAM.parent)
     main()

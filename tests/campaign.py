@@ -20,9 +20,10 @@ import traceback
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
 import service as net
-from machine import AGENT, LOCK, Machine, companion_program, companions, own, processes, until
+from machine import (AGENT, LOCK, TOOLS, TOOLS_PATH, Machine, calls, companion_program, companions, lay_tool, lay_tools, own,
+                     processes, until)
 
-BIN, OPENED, HOSTS = pathlib.Path("/tmp/bin"), pathlib.Path("/tmp/opened"), pathlib.Path("/etc/hosts")
+HOSTS = pathlib.Path("/etc/hosts")
 OLD = companion_program("2.5")
 ROUND_SECONDS = 200  # the mandated pauses and every time limit, one after another, with room to spare
 
@@ -64,15 +65,6 @@ def do(action, **expected):
         action(r)
         r.expect(**expected)
     return play
-
-
-def certificate(r, name):
-    r.service.certificate = name
-
-
-def refused(r):
-    r.asked("version", lambda handler: r.service.listen(False))
-    r.undo(r.service.listen, True)
 
 
 def unresolved(r):
@@ -150,20 +142,13 @@ def two_launchers(r):
 
 def tool(name, body=None):
     def play(r):
-        (BIN / name).unlink()
-        if body:
-            script(name, body)
-        r.undo(lay_tools)
+        lay_tool(name, body) if body else (TOOLS / name).unlink()
     return play
 
 
 def companion_dies(r):
     pid = r.machine.start_companion()
     r.asked("version", lambda _: pid in companions() and os.kill(pid, 9))
-
-
-def companion_ignores_sigterm(r):
-    r.machine.start(["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"])
 
 
 def flicker(r):
@@ -203,7 +188,7 @@ NEW, ODD = {"outcomes": {"new"}}, ("pipe", "folder", "huge", "unreadable", None)
 FAULTS = {f"download: {name}": serve("download", lambda r, make=make: make(r.offset)) for name, make in HTTP_FAULTS.items()}
 FAULTS |= {f"version: {name}": serve("version", lambda r, make=make: make(r.offset % 5), starts=0)
            for name, make in HTTP_FAULTS.items()}
-FAULTS |= {f"certificate: {name}": do(lambda r, name=name: certificate(r, name), starts=0)
+FAULTS |= {f"certificate: {name}": do(lambda r, name=name: setattr(r.service, "certificate", name), starts=0)
            for name in ("expired", "self-signed", "wrong-host")}
 FAULTS |= {f"marker: {form or 'binary'}": do(lambda r, form=form: odd(r.machine.marker, form, r.rng), **NEW, status=255)
            for form in ODD}  # what counts as 0.0 is outdated
@@ -218,8 +203,9 @@ FAULTS |= {
     "version: too long": serve("version", lambda r: net.body(b'"9' * 40_000), starts=0),
     "download: dripping": serve("download", lambda r: net.drip(0.05)),
     "download: error with a body": serve("download", lambda r: net.status(r.rng.choice([201, 206, 404, 500, 503]))),
-    "download: refused": refused,
-    "certificate: changes": do(lambda r: r.asked("version", lambda _: certificate(r, "self-signed"))),
+    "download: refused": do(lambda r: (r.asked("version", lambda _: r.service.listen(False)),
+                                       r.undo(r.service.listen, True))),
+    "certificate: changes": do(lambda r: r.asked("version", lambda h: setattr(r.service, "certificate", "self-signed"))),
     "handshake: never ends": serve("connect", lambda r: net.silent_handshake, starts=0),
     "handshake: reset": serve("connect", lambda r: net.reset_handshake, starts=0),
     "name: does not resolve": do(unresolved, starts=0),
@@ -235,25 +221,13 @@ FAULTS |= {
     "display lost": do(lose_display, outcomes={"old", "new"}, starts=None, status=1),
     "two launchers, no lock": do(two_launchers, **NEW, starts=None),  # either's pkill may end the other's start command
     "pkill: missing": do(tool("pkill"), **NEW), "pkill: fails": do(tool("pkill", "exit 3"), **NEW),
-    "open: missing": do(tool("open"), **NEW, starts=0), "open: fails": do(tool("open", "echo >>/tmp/opened; exit 1"), **NEW),
-    "companion: dies": do(companion_dies, **NEW), "companion: ignores SIGTERM": do(companion_ignores_sigterm, **NEW),
+    "open: missing": do(tool("open"), **NEW, starts=0), "open: fails": do(tool("open", "exit 1"), **NEW),
+    "companion: dies": do(companion_dies, **NEW), "companion: ignores SIGTERM": do(lambda r: r.machine.start(
+        ["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"]), **NEW),
     "marker: equal": do(lambda r: odd(r.machine.marker, b"  +2.6.9\r\n", r.rng), starts=0),
     "marker: far ahead": do(lambda r: odd(r.machine.marker, b"9" * 5000, r.rng), starts=0),
     "flag: flickers": do(flicker, **NEW),
 }
-
-
-def script(name, body):
-    (BIN / name).write_text(f"#!/bin/sh\n{body}\n")
-    (BIN / name).chmod(0o755)
-
-
-def lay_tools():
-    """The only tools on the launcher's PATH; "open" is counted."""
-    BIN.mkdir(exist_ok=True)
-    script("open", 'echo >>/tmp/opened; exec /build/compat/open "$@"')
-    script("pgrep", 'exec /usr/bin/pgrep "$@"')
-    script("pkill", 'exec /usr/bin/pkill "$@"')
 
 
 def lay_old(target, times):
@@ -285,11 +259,10 @@ def begin(machine):
     machine.service.faults.clear()
     machine.service.requests.clear()
     machine.service.certificate = "good"
-    for path in (machine.marker, machine.flag, AGENT, LOCK, OPENED):
+    for path in (machine.marker, machine.flag, AGENT, LOCK):
         shutil.rmtree(path) if path.is_dir() else path.unlink(missing_ok=True)
     machine.marker.write_text("2.5\n")
-    OPENED.touch()
-    OPENED.chmod(0o666)
+    lay_tools()
     machine.companion.parent.mkdir(exist_ok=True)
     lay_old(machine.companion, (10**18, 10**18))
 
@@ -322,13 +295,13 @@ def play(machine, fault, rng):
         FAULTS[fault](r)
         done = r.done or (lambda: "Korvane_CAP" in r.service.order())
         before, leftovers = snapshot(machine), staging(machine)
-        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": f"{BIN}:/bin"})
+        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": TOOLS_PATH})
         threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
         until(lambda: done() or launcher.poll() is not None, "a launcher that hangs", ROUND_SECONDS)
         check(launcher.poll() == r.status, f"the launcher's status is {launcher.poll()}, not {r.status}")
         clear_away("Korvane")
 
-        found, opened = outcome(r), len(OPENED.read_text().splitlines())
+        found, opened = outcome(r), len(calls("open"))
         check(found in r.outcomes, f"the executable is {found}, not in {r.outcomes}")
         check(r.starts in (None, opened), f"the start command ran {opened} times, not {r.starts}")
         check(r.status == -9 or set(staging(machine)) <= set(leftovers if found != "new" else []), "a staging file is left")
@@ -343,11 +316,11 @@ def supervise(machine, rng, cycles):
     machine.offer("2.6", payload=companion_program("2.6", 50_000))
     kinds = [net.reset(700), net.cut(700), net.chunked_cut(700), net.status(500), net.body(b""), None]
     launcher = machine.launch(command=["faketime", "-m", "-f", "+0 x20", machine.launcher_path],
-                              environment=machine.environment | {"PATH": f"{BIN}:/bin"})
+                              environment=machine.environment | {"PATH": TOOLS_PATH})
     usage = []
     for cycle in range(cycles):
         machine.service.faults["download"] = rng.choice(kinds)
-        until(lambda: len(OPENED.read_text().splitlines()) == cycle + 1, "the start command runs after every download")
+        until(lambda: len(calls("open")) == cycle + 1, "the start command runs after every download")
         until(companions, "the companion runs")
         clear_away("KR")
         status = pathlib.Path(f"/proc/{launcher.pid}/status").read_text()
@@ -368,7 +341,6 @@ def main():
     plan = [fault for fault in FAULTS for _ in range(rounds)]
     random.Random(seed).shuffle(plan)
     with Machine() as machine:
-        lay_tools()
         number, fault = None, None
         try:
             for number in range(worker, len(plan), workers):

@@ -2,7 +2,6 @@
 
     launcher_test.py NAME
 """
-import os
 import pathlib
 import plistlib
 import shutil
@@ -13,9 +12,20 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
 import service as faults
-from machine import AGENT, HOME, LOCK, TRACE, Machine, companion_program, companions, own, until
+from machine import (AGENT, HOME, LOCK, TOOLS_PATH, TRACE, Machine, calls, companion_program, companions, lay_tools, own,
+                     until)
 
-BIN = pathlib.Path("/tmp/bin")
+
+AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict>
+  <key>Label</key><string>com.mervix.korvane</string>
+  <key>ProgramArguments</key><array>
+    <string>PROGRAM</string>
+  </array>
+  <key>RunAtLoad</key><true/>
+</dict></plist>
+"""
 
 
 def state(path):
@@ -84,6 +94,7 @@ def test_every_way_to_start_finds_the_folder():
             process = machine.launch(path, **options)
             until(AGENT.exists, "start-up is complete")
             assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
+            assert AGENT.read_text() == AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
             agent = plistlib.loads(AGENT.read_bytes())
             assert agent == {"Label": "com.mervix.korvane", "ProgramArguments": [f"{folder}/Korvane"], "RunAtLoad": True}
             process.kill()
@@ -99,25 +110,22 @@ def test_every_way_to_start_finds_the_folder():
 
 
 def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
-    probes = pathlib.Path("/tmp/probes")
     with Machine() as machine:
         machine.offer("2.5")
         machine.flag.write_text("0\n")
-        BIN.mkdir()
-        (BIN / "pgrep").write_text(f'#!/bin/sh\necho "$@" >>{probes}\nexec /usr/bin/pgrep "$@"\n')
-        (BIN / "pgrep").chmod(0o755)
-        launcher = machine.launch(environment=machine.environment | {"PATH": f"{BIN}:{os.environ['PATH']}"})
+        lay_tools()
+        launcher = machine.launch(environment=machine.environment | {"PATH": TOOLS_PATH})
         up, = machine.service.wait_for("Korvane_CAP")
         first = machine.service.wait_for("KR_CAP", 2)[1]
         machine.flag.write_text("1\r\n")
         second = machine.service.wait_for("KR_CAP", 3)[2]
         assert first.time - up.time >= 30 and second.time - first.time >= 30
-        assert probes.read_text() == "-x KR\n" * 2 and machine.flag.exists()
+        assert calls("pgrep") == ["-x KR"] * 2 and machine.flag.exists()
 
         machine.offer("2.6")
         before = state(machine.companion)
         pid = machine.start_companion()
-        until(lambda: len(probes.read_text().splitlines()) == 3, "the third probe")
+        until(lambda: len(calls("pgrep")) == 3, "the third probe")
         machine.flag.write_text("1\n")
         own(machine.flag)
         assert launcher.wait(60) == 0
@@ -164,19 +172,8 @@ def use_in_loop(machine):
     shutil.copy("/build/tests/in_loop", machine.launcher_path)
 
 
-def end_while(machine, launcher, state_of_thread):
-    """Brings the supervision thread into this state."""
-    if state_of_thread == "asleep":
-        machine.service.wait_for("Korvane_CAP")
-        until(AGENT.exists, "start-up is complete")
-    else:
-        machine.service.wait_for("KR_CAP", 2)
-    if state_of_thread == "downloading":
-        machine.service.wait_for("download")
-        until(lambda: list(machine.companion.parent.glob("*.download.*")), "the download has begun")
-
-
-def ends(state_of_thread, in_loop):
+def end(asleep, in_loop, downloading=False):
+    """Ends the main loop, or the display, while the supervision thread sleeps, pauses or downloads."""
     with Machine() as machine:
         machine.offer("2.5")
         machine.service.faults["download"] = faults.stall(1000)
@@ -184,37 +181,25 @@ def ends(state_of_thread, in_loop):
             use_in_loop(machine)
         launcher = machine.launch()
         machine.service.wait_for("Korvane_CAP")
+        until(AGENT.exists, "start-up is complete")
         machine.offer("2.6", payload=companion_program("2.6", 100_000))
         before = state(machine.companion)
-        end_while(machine, launcher, state_of_thread)
-        if in_loop:
-            launcher.send_signal(signal.SIGUSR1)
-        else:
-            machine.display_process.kill()
+        if not asleep:
+            machine.service.wait_for("KR_CAP", 2)
+        if downloading:
+            until(lambda: list(machine.companion.parent.glob("*.download.*")), "the download has begun")
+        launcher.send_signal(signal.SIGUSR1) if in_loop else machine.display_process.kill()
         # The stalled download would hold a launcher that waits for its thread for 30 s.
         status = launcher.wait(20)
         assert status == (0 if in_loop else 1), status
         assert state(machine.companion) == before
 
 
-def test_end_with_the_display_while_the_thread_sleeps():
-    ends("asleep", in_loop=False)
-
-
-def test_end_with_the_display_while_the_thread_pauses():
-    ends("in the pause", in_loop=False)
-
-
-def test_end_with_the_display_while_the_thread_downloads():
-    ends("downloading", in_loop=False)
-
-
-def test_end_of_the_loop_while_the_thread_pauses():
-    ends("in the pause", in_loop=True)
-
-
-def test_end_of_the_loop_while_the_thread_downloads():
-    ends("downloading", in_loop=True)
+def test_end_with_the_display(): end(asleep=True, in_loop=False)
+def test_end_with_the_display_in_the_pause(): end(asleep=False, in_loop=False)
+def test_end_with_the_display_in_the_download(): end(asleep=False, in_loop=False, downloading=True)
+def test_end_of_the_loop_in_the_pause(): end(asleep=False, in_loop=True)
+def test_end_of_the_loop_in_the_download(): end(asleep=False, in_loop=True, downloading=True)
 
 
 if __name__ == "__main__":

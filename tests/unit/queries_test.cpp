@@ -51,14 +51,9 @@ TEST(Queries, IdleTimeIsTheDisplays) {
     EXPECT_TRUE(becomes(0));
     EXPECT_TRUE(becomes(2));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 2s);
-    std::system("xdotool mousemove 20 20");
-    EXPECT_TRUE(becomes(0));
     EXPECT_EQ(liveSystemObjects(), 0);
-}
 
-TEST(Queries, IdleTimeIsZeroWhenItCannotBeTold) {
-    std::system("xdotool mousemove 10 10");
-    ASSERT_TRUE(becomes(1));
+    // And nothing where it cannot be told.
     for (const Properties properties : {Properties::Missing, Properties::NotANumber}) {
         g_properties = properties;
         EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
@@ -96,25 +91,20 @@ TEST(Queries, SemaphoresBlockUntilReleased) {
     Platform::SemWait(semaphore);
     std::atomic<int> released = 0;
     std::atomic<int> passed = 0;
-    std::thread waiters[2];
-    for (std::thread &waiter : waiters) {
-        waiter = std::thread([&] {
+    std::thread waiter([&] {
+        for (int pass = 0; pass < 3; ++pass) {
             Platform::SemWait(semaphore);
             EXPECT_LE(++passed, released);
-        });
-    }
+        }
+    });
     Platform::SemDestroy(semaphore);
     EXPECT_EQ(semaphore, handle);
-    for (int release = 0; release < 2; ++release) {
+    while (released < 3) {
         std::this_thread::sleep_for(20ms); // for a waiter that does not wait to be caught
-        EXPECT_EQ(passed, released);
         ++released;
         Platform::SemRelease(semaphore);
-        while (passed < released)
-            std::this_thread::yield();
     }
-    for (std::thread &waiter : waiters)
-        waiter.join();
+    waiter.join();
     Platform::SemDestroy(semaphore);
 }
 
