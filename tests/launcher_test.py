@@ -172,34 +172,33 @@ def use_in_loop(machine):
     shutil.copy("/build/tests/in_loop", machine.launcher_path)
 
 
-def end(asleep, in_loop, downloading=False):
-    """Ends the main loop, or the display, while the supervision thread sleeps, pauses or downloads."""
+def end(thread, how, status):
+    """Brings the supervision thread into a state and ends the process under it."""
     with Machine() as machine:
         machine.offer("2.5")
-        machine.service.faults["download"] = faults.stall(1000)
-        if in_loop:
+        machine.service.faults["download"] = faults.endless
+        if how != "display":
             use_in_loop(machine)
         launcher = machine.launch()
         machine.service.wait_for("Korvane_CAP")
         until(AGENT.exists, "start-up is complete")
-        machine.offer("2.6", payload=companion_program("2.6", 100_000))
+        machine.offer("2.6")
         before = state(machine.companion)
-        if not asleep:
+        if thread != "sleeps":
             machine.service.wait_for("KR_CAP", 2)
-        if downloading:
-            until(lambda: list(machine.companion.parent.glob("*.download.*")), "the download has begun")
-        launcher.send_signal(signal.SIGUSR1) if in_loop else machine.display_process.kill()
-        # The stalled download would hold a launcher that waits for its thread for 30 s.
-        status = launcher.wait(20)
-        assert status == (0 if in_loop else 1), status
+        if thread == "downloads":
+            until(lambda: any(path.stat().st_size for path in machine.companion.parent.glob("*.download.*")), "bytes come")
+        machine.display_process.kill() if how == "display" else launcher.send_signal(how)
+        # A launcher that waits for its thread would hang in the endless download.
+        assert launcher.wait(30) == status, launcher.returncode
         assert state(machine.companion) == before
 
 
-def test_end_with_the_display(): end(asleep=True, in_loop=False)
-def test_end_with_the_display_in_the_pause(): end(asleep=False, in_loop=False)
-def test_end_with_the_display_in_the_download(): end(asleep=False, in_loop=False, downloading=True)
-def test_end_of_the_loop_in_the_pause(): end(asleep=False, in_loop=True)
-def test_end_of_the_loop_in_the_download(): end(asleep=False, in_loop=True, downloading=True)
+def test_end_with_the_display_while_sleeping(): end("sleeps", "display", 1)
+def test_end_with_the_display_while_downloading(): end("downloads", "display", 1)
+def test_end_of_the_loop_while_pausing(): end("pauses", signal.SIGUSR1, 0)
+def test_end_of_the_loop_while_downloading(): end("downloads", signal.SIGUSR1, 0)
+def test_end_by_exit_while_downloading(): end("downloads", signal.SIGUSR2, 7)
 
 
 if __name__ == "__main__":
