@@ -112,8 +112,8 @@ def read_only(r, folder):
 
 def become_folder(r):
     r.target.unlink()
-    (r.target / "inside").mkdir(parents=True)
-    r.undo(shutil.rmtree, r.target)
+    r.target.mkdir()
+    r.undo(r.target.rmdir)
 
 
 def kill_anywhere(r):
@@ -144,11 +144,6 @@ def tool(name, body=None):
     def play(r):
         lay_tool(name, body) if body else (TOOLS / name).unlink()
     return play
-
-
-def companion_dies(r):
-    pid = r.machine.start_companion()
-    r.asked("version", lambda _: pid in companions() and os.kill(pid, 9))
 
 
 def flicker(r):
@@ -222,7 +217,7 @@ FAULTS |= {
     "two launchers, no lock": do(two_launchers, **NEW, starts=None),  # either's pkill may end the other's start command
     "pkill: missing": do(tool("pkill"), **NEW), "pkill: fails": do(tool("pkill", "exit 3"), **NEW),
     "open: missing": do(tool("open"), **NEW, starts=0), "open: fails": do(tool("open", "exit 1"), **NEW),
-    "companion: dies": do(companion_dies, **NEW), "companion: ignores SIGTERM": do(lambda r: r.machine.start(
+    "companion: dies": do(lambda r: (r.machine.start_companion(), r.asked("version", lambda _: clear_away("KR"))), **NEW), "companion: ignores SIGTERM": do(lambda r: r.machine.start(
         ["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"]), **NEW),
     "marker: equal": do(lambda r: odd(r.machine.marker, b"  +2.6.9\r\n", r.rng), starts=0),
     "marker: far ahead": do(lambda r: odd(r.machine.marker, b"9" * 5000, r.rng), starts=0),

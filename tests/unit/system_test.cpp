@@ -1,9 +1,7 @@
 // The operating system's side: files, processes, the login item. Runs as an ordinary user on a throwaway machine.
-#include "app/Korvane_Cross_launcher.h"
 #include "app/UserName.h"
 #include "platform/Platform.h"
 #include "supervise/CompanionProcess.h"
-#include "supervise/ManualExitFlag.h"
 
 #include <csignal>
 #include <filesystem>
@@ -58,26 +56,6 @@ TEST_F(System, UserNameComesFromTheFirstVariableThatIsSet) {
     }
 }
 
-TEST_F(System, MarkerAndFlagAreTheFirstLineExactlyAsStored) {
-    const fs::path marker = folder / "App.version";
-    const std::pair<std::string, std::string> table[] = {{"2.5\r\nmore", "2.5\r"}, {"\n1", ""}, {" 1", " 1"}, {"", ""}};
-    for (const auto &[content, line] : table) {
-        write(marker, content);
-        EXPECT_EQ(Platform::GetExternalAppVersion(folder / "App"), line);
-    }
-    fs::permissions(marker, fs::perms::none);
-    EXPECT_EQ(Platform::GetExternalAppVersion(folder / "App"), "");
-
-    filepath = folder.string() + "/";
-    uname_windows = "";
-    setVariable("USER", "alice");
-    EXPECT_EQ(readExitCheck(), "");
-    EXPECT_EQ(uname_windows, "alice");
-    EXPECT_FALSE(fs::exists(folder / "alice_ManualExit.txt"));
-    write(folder / "alice_ManualExit.txt", "1\nx");
-    EXPECT_EQ(readExitCheck(), "1");
-}
-
 TEST_F(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     const fs::path trace = "/tmp/korvane_debug.txt";
     const fs::path self = fs::read_symlink("/proc/self/exe");
@@ -105,13 +83,6 @@ TEST_F(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     EXPECT_EQ(_NSGetExecutablePath(small, &size), -1);
     EXPECT_EQ(size, self.string().size() + 1);
     EXPECT_STREQ(small, "abc");
-}
-
-TEST_F(System, InstallFolderIsTheFourthParent) {
-    EXPECT_EQ(installFolder("/Applications/Korvane.app/Contents/MacOS/Korvane"), "/Applications");
-    EXPECT_EQ(installFolder("/Korvane.app/Contents/MacOS/Korvane"), "/");
-    EXPECT_EQ(installFolder("/a"), "/");
-    EXPECT_EQ(installFolder(""), "");
 }
 
 TEST_F(System, LoginItemComesAndGoes) {

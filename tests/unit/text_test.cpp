@@ -1,6 +1,7 @@
 // Text in, value out: versions, searches, trimming, quoting.
 #include "companion/AppVersion.h"
 #include "companion/CompanionUpdate.h"
+#include "platform/Platform.h"
 #include "ui/LoginDialog.h"
 
 #include <gtest/gtest.h>
@@ -62,14 +63,12 @@ TEST(Text, NewerMeansAStrictlyGreaterKey) {
         EXPECT_EQ(isNewerThan(candidate, installed), newer) << candidate.major << "." << candidate.minor;
 }
 
-TEST(Text, SearchAndTrim) {
-    EXPECT_EQ(findCaseInsensitive("Hello World", "WORLD"), 6);
-    EXPECT_EQ(findCaseInsensitive("Hello World", "xyz"), -1);
+TEST(Text, EdgesOfSearchTrimAndFolder) {
     EXPECT_EQ(findCaseInsensitive("Hello World", ""), 0);
     EXPECT_EQ(findCaseInsensitive("", "a"), -1);
-    EXPECT_EQ(trimString(" \t\r\na b\t c\n "), "a b\t c");
-    EXPECT_EQ(trimString("\va\f"), "\va\f");
-    EXPECT_EQ(trimString(" \t\n\r"), "");
+    EXPECT_EQ(trimString("\v \f"), "\v \f");
+    EXPECT_EQ(installFolder("/Korvane.app/Contents/MacOS/Korvane"), "/");
+    EXPECT_EQ(installFolder(""), "");
 }
 
 } // namespace
