@@ -117,13 +117,13 @@ def become_folder(r):
 
 
 def kill_anywhere(r):
-    delay = r.rng.uniform(0, 7)
+    delay, r.done = r.rng.uniform(0, 7), lambda: False
     r.launched = lambda launcher: (time.sleep(delay), launcher.kill())
 
 
 def kill_during_download(r):
     r.service.faults["download"] = net.stall(r.offset)
-    delay = r.rng.uniform(0, 0.3)
+    delay, r.done = r.rng.uniform(0, 0.3), lambda: False
     r.launched = lambda launcher: (r.service.wait_for("download"), time.sleep(delay), launcher.kill())
 
 
