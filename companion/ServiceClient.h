@@ -1,7 +1,7 @@
 // The vendor's web service, over HTTPS: what the current version of an application is, and its executable.
 //
 // Every exchange is synchronous on the calling thread and uses one libcurl easy handle of its own. libcurl's trace of
-// it goes to standard error. Nothing escapes these functions and nothing is retried.
+// it goes to standard error. Nothing escapes an exchange and nothing is retried.
 #pragma once
 
 #include "companion/AppVersion.h"

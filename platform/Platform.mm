@@ -8,7 +8,6 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/IOKitLib.h>
 #include <array>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
