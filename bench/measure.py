@@ -2,6 +2,7 @@
 
 Each row is a list of [what, unit, samples]; what is compared is interleaved, sample by sample.
 """
+import collections
 import json
 import os
 import pathlib
@@ -97,8 +98,15 @@ def wakeups(pid):
 
 
 def private_mib(pid):
-    lines = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()
-    return sum(int(line.split()[1]) for line in lines if line.startswith("Private_")) / 1024
+    """The private memory of each file that is mapped ("" for what is no file), by its name."""
+    memory = collections.Counter()
+    for line in pathlib.Path(f"/proc/{pid}/smaps").read_text().splitlines():
+        words = line.split()
+        if "-" in words[0]:
+            name = pathlib.Path(words[5]).name if len(words) > 5 and words[5].startswith("/") else ""
+        elif words[0].startswith("Private_"):
+            memory[name] += int(words[1]) / 1024
+    return memory
 
 
 def idle():
@@ -118,7 +126,6 @@ def idle():
             "[program:companion]\ncommand=/usr/bin/sleep 100000\n")
         running = {"launcher": machine.launch(),
                    "toolkit floor": machine.start(["/build/bench/bench_floor"], env=machine.environment, **quiet),
-                   "floor with libcurl": machine.start(["/build/bench/bench_floor_curl"], env=machine.environment, **quiet),
                    "monit": machine.start(["monit", "-I", "-c", "/tmp/monitrc"], env=machine.environment, **quiet),
                    "supervisord": machine.start(["supervisord", "-c", "/tmp/supervisord.conf"], env=machine.environment,
                                                 **quiet)}
@@ -134,7 +141,10 @@ def idle():
             rows.append([f"idle, CPU of its own in {seconds} s: {name}", "ms", [own * 1000]])
             rows.append([f"idle, CPU with children in {seconds} s: {name}", "ms", [max(own, total) * 1000]])
             rows.append([f"idle, wake-ups a minute: {name}", "", [(wakeups(process.pid) - before[name][2]) * 60 / seconds]])
-            rows.append([f"idle, private memory: {name}", "MiB", [private_mib(process.pid)]])
+            rows.append([f"idle, private memory: {name}", "MiB", [private_mib(process.pid).total()]])
+        floor, launcher = private_mib(running["toolkit floor"].pid), private_mib(running["launcher"].pid)
+        rows.append(["idle, private memory: launcher, in libraries that the floor does not load", "MiB",
+                     [sum(size for name, size in launcher.items() if ".so" in name and name not in floor)]])
         if companion not in sandbox.companions():
             sys.exit("the companion should have run all the time")
         return rows
