@@ -9,7 +9,6 @@ import collections
 import http.server
 import socket
 import socketserver
-import ssl
 import struct
 import threading
 import time
