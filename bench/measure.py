@@ -13,7 +13,6 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
 import machine as sandbox
 import service
 
@@ -24,8 +23,8 @@ NGINX = """
 user root root; worker_processes 1; daemon off; pid /run/nginx.pid; error_log /dev/null;
 events {{}}
 http {{
-    access_log off; client_body_temp_path /tmp/b; proxy_temp_path /tmp/p; fastcgi_temp_path /tmp/f; uwsgi_temp_path /tmp/u;
-    scgi_temp_path /tmp/s;
+    access_log off; client_body_temp_path /tmp/b; proxy_temp_path /tmp/p; fastcgi_temp_path /tmp/f;
+    uwsgi_temp_path /tmp/u; scgi_temp_path /tmp/s;
     server {{ listen 443 ssl; ssl_certificate {tls}/good.crt; ssl_certificate_key {tls}/good.key;
              root {root}; location / {{ try_files /payload =404; }} }}
 }}
@@ -42,8 +41,11 @@ def timed(command, **options):
     process.returncode = status
     if status:
         sys.exit(f"{command} has failed: {status}")
-    return (time.monotonic() - begin, usage.ru_utime + usage.ru_stime,
-            int(pathlib.Path("/tmp/time").read_text()) / 1024)
+    return (
+        time.monotonic() - begin,
+        usage.ru_utime + usage.ru_stime,
+        int(pathlib.Path("/tmp/time").read_text()) / 1024,
+    )
 
 
 def download():
@@ -56,8 +58,12 @@ def download():
     contenders = {
         "launcher": ["/build/bench/bench_download", str(target)],
         "curl": ["curl", "-sS", "-o", str(target), url],
-        "curl, sync, mv": ["sh", "-c", f"curl -sS -o {target}.new '{url}' && sync {target}.new && chmod 755 {target}.new &&"
-                                       f" mv {target}.new {target}"],
+        "curl, sync, mv": [
+            "sh",
+            "-c",
+            f"curl -sS -o {target}.new '{url}' && sync {target}.new && chmod 755 {target}.new &&"
+            f" mv {target}.new {target}",
+        ],
     }
     rows = []
     with sandbox.Processes() as processes:
@@ -89,7 +95,10 @@ def cpu_seconds(pid):
 
 def cpu_precise(pid):
     """Nanosecond CPU time of the process's own threads (schedstat), in seconds."""
-    return sum(int((task / "schedstat").read_text().split()[0]) for task in pathlib.Path(f"/proc/{pid}/task").iterdir()) / 1e9
+    return (
+        sum(int((task / "schedstat").read_text().split()[0]) for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
+        / 1e9
+    )
 
 
 def wakeups(pid):
@@ -118,21 +127,28 @@ def idle():
         quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         pathlib.Path("/tmp/monitrc").write_text(
             f"set daemon 30\nset pidfile /tmp/monit.pid\nset statefile /tmp/monit.state\nset idfile /tmp/monit.id\n"
-            f"check process companion matching {machine.companion}\n")
+            f"check process companion matching {machine.companion}\n"
+        )
         os.chmod("/tmp/monitrc", 0o600)
         os.chown("/tmp/monitrc", sandbox.UID, sandbox.UID)
         pathlib.Path("/tmp/supervisord.conf").write_text(
             "[supervisord]\nnodaemon=true\nlogfile=/dev/null\nlogfile_maxbytes=0\npidfile=/tmp/supervisord.pid\n"
-            "[program:companion]\ncommand=/usr/bin/sleep 100000\n")
-        running = {"launcher": machine.launch(),
-                   "toolkit floor": machine.start(["/build/bench/bench_floor"], env=machine.environment, **quiet),
-                   "monit": machine.start(["monit", "-I", "-c", "/tmp/monitrc"], env=machine.environment, **quiet),
-                   "supervisord": machine.start(["supervisord", "-c", "/tmp/supervisord.conf"], env=machine.environment,
-                                                **quiet)}
+            "[program:companion]\ncommand=/usr/bin/sleep 100000\n"
+        )
+        running = {
+            "launcher": machine.launch(),
+            "toolkit floor": machine.start(["/build/bench/bench_floor"], env=machine.environment, **quiet),
+            "monit": machine.start(["monit", "-I", "-c", "/tmp/monitrc"], env=machine.environment, **quiet),
+            "supervisord": machine.start(
+                ["supervisord", "-c", "/tmp/supervisord.conf"], env=machine.environment, **quiet
+            ),
+        }
         sandbox.until(sandbox.AGENT.exists, "start-up is complete")
         time.sleep(5)
-        before = {name: (cpu_seconds(process.pid), cpu_precise(process.pid), wakeups(process.pid))
-                  for name, process in running.items()}
+        before = {
+            name: (cpu_seconds(process.pid), cpu_precise(process.pid), wakeups(process.pid))
+            for name, process in running.items()
+        }
         time.sleep(seconds)
         rows = []
         for name, process in running.items():
@@ -140,11 +156,18 @@ def idle():
             total = cpu_seconds(process.pid) - before[name][0]
             rows.append([f"idle, CPU of its own in {seconds} s: {name}", "ms", [own * 1000]])
             rows.append([f"idle, CPU with children in {seconds} s: {name}", "ms", [max(own, total) * 1000]])
-            rows.append([f"idle, wake-ups a minute: {name}", "", [(wakeups(process.pid) - before[name][2]) * 60 / seconds]])
+            rows.append(
+                [f"idle, wake-ups a minute: {name}", "", [(wakeups(process.pid) - before[name][2]) * 60 / seconds]]
+            )
             rows.append([f"idle, private memory: {name}", "MiB", [private_mib(process.pid).total()]])
         floor, launcher = private_mib(running["toolkit floor"].pid), private_mib(running["launcher"].pid)
-        rows.append(["idle, private memory: launcher, in libraries that the floor does not load", "MiB",
-                     [sum(size for name, size in launcher.items() if ".so" in name and name not in floor)]])
+        rows.append(
+            [
+                "idle, private memory: launcher, in libraries that the floor does not load",
+                "MiB",
+                [sum(size for name, size in launcher.items() if ".so" in name and name not in floor)],
+            ]
+        )
         if companion not in sandbox.companions():
             sys.exit("the companion should have run all the time")
         return rows
@@ -158,7 +181,12 @@ def start():
         sandbox.HOME.mkdir(exist_ok=True)
         sandbox.own(sandbox.HOME)
         display, _ = processes.start_display()
-        environment = os.environ | {"DISPLAY": display, "HOME": str(sandbox.HOME), "USER": sandbox.USER, "FLOOR_REPORTS": "1"}
+        environment = os.environ | {
+            "DISPLAY": display,
+            "HOME": str(sandbox.HOME),
+            "USER": sandbox.USER,
+            "FLOOR_REPORTS": "1",
+        }
 
         def sample(name, program, event, mandated=0.0):
             begin = time.monotonic()
@@ -168,7 +196,9 @@ def start():
             sandbox.end(process)
 
         for _ in range(4 if QUICK else 31):
-            sample("launcher", "/build/stage/Korvane.app/Contents/MacOS/Korvane", lambda _: listener.accept()[0].close(), 2)
+            sample(
+                "launcher", "/build/stage/Korvane.app/Contents/MacOS/Korvane", lambda _: listener.accept()[0].close(), 2
+            )
             sample("toolkit floor", "/build/bench/bench_floor", lambda process: process.stdout.read(1))
             sample("floor with libcurl", "/build/bench/bench_floor_curl", lambda process: process.stdout.read(1))
     return [[f"start: {name}", "ms", taken] for name, taken in samples.items()]
@@ -185,8 +215,14 @@ def probe():
                 sleeping += 1
             samples = {"KR_TitleCheck": [], "pgrep -x": [], "empty shell": []}
             for _ in range(3 if QUICK else 20):
-                for name, command in (("KR_TitleCheck", ["5"]), ("pgrep -x", ["5", "raw"]), ("empty shell", ["5", "shell"])):
-                    output = subprocess.run(["/build/bench/bench_probe", *command], check=True, capture_output=True, text=True)
+                for name, command in (
+                    ("KR_TitleCheck", ["5"]),
+                    ("pgrep -x", ["5", "raw"]),
+                    ("empty shell", ["5", "shell"]),
+                ):
+                    output = subprocess.run(
+                        ["/build/bench/bench_probe", *command], check=True, capture_output=True, text=True
+                    )
                     samples[name] += [int(line) / 1e6 for line in output.stdout.split()]
             rows += [[f"probe among {number} processes: {name}", "ms", taken] for name, taken in samples.items()]
         taken = []
@@ -215,8 +251,10 @@ def reaction():
         machine.flag.write_text("1\n")
         sandbox.own(machine.flag)
         launcher.wait(60)
-        return [["reaction, from the companion's death to the first request", "s", [asked - died]],
-                ["reaction, from the flag file to the end of the process", "s", [time.monotonic() - begin]]]
+        return [
+            ["reaction, from the companion's death to the first request", "s", [asked - died]],
+            ["reaction, from the flag file to the end of the process", "s", [time.monotonic() - begin]],
+        ]
 
 
 if __name__ == "__main__":

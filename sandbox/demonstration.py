@@ -43,8 +43,10 @@ def wait_for_companion(machine, version, other_than):
 def update(machine):
     machine.offer("2.6", payload=sandbox.companion_program("2.6", 300_000))
     pid = machine.start_companion()
-    say(f"companion {machine.installed} runs: process {pid}, {machine.companion.stat().st_size} bytes; "
-        "the service offers 2.6")
+    say(
+        f"companion {machine.installed} runs: process {pid}, {machine.companion.stat().st_size} bytes; "
+        "the service offers 2.6"
+    )
     launcher = machine.launch()
     say(f"launcher started: process {launcher.pid}")
     machine.service.wait_for("KR_CAP")
@@ -55,15 +57,17 @@ def update(machine):
     pid = wait_for_companion(machine, "2.6", pid)
     machine.service.wait_for("Korvane_CAP")
     sandbox.until(sandbox.AGENT.exists, "the login item is written")
-    say(f"the launcher has found itself up to date, supervises, and has written {sandbox.AGENT.name} for the next log-in")
+    say(f"the launcher is up to date itself, supervises, and has written {sandbox.AGENT.name} for the next log-in")
     return launcher, pid
 
 
 def bring_back(machine, pid):
     machine.offer("2.7")
     os.kill(pid, 9)
-    say(f"process {pid} killed from outside, and the service now offers 2.7; "
-        "waiting for the next probe (they come about every 30 s)")
+    say(
+        f"process {pid} killed from outside, and the service now offers 2.7; "
+        "waiting for the next probe (they come about every 30 s)"
+    )
     machine.service.wait_for("download", 2)
     return wait_for_companion(machine, "2.7", pid)
 
@@ -71,10 +75,14 @@ def bring_back(machine, pid):
 def quit_by_hand(machine, launcher, pid):
     sandbox.quit_companion(pid)
     sandbox.until(machine.flag.exists, "the companion leaves its flag")
-    say(f"the user quits the companion, which leaves {machine.flag.name}; "
-        "waiting for the launcher to read it (at most 5 s)")
+    say(
+        f"the user quits the companion, which leaves {machine.flag.name}; "
+        "waiting for the launcher to read it (at most 5 s)"
+    )
     status = launcher.wait(60)
-    expect(status == 0 and not machine.flag.exists(), f"the launcher should delete the flag and end with 0, not {status}")
+    expect(
+        status == 0 and not machine.flag.exists(), f"the launcher should delete the flag and end with 0, not {status}"
+    )
     say("the launcher has deleted the flag and gone away by itself, status 0")
 
 
@@ -92,15 +100,20 @@ def stay(machine):
     machine.offer("2.5")
     machine.start_companion()
     launcher = machine.launch()
-    print(f"""
-A launcher (process {launcher.pid}) and its companion {version_on_disk(machine)} run in this sandbox; you are {sandbox.USER}.
+    print(
+        f"""
+You are {sandbox.USER}, in a sandbox with a launcher (process {launcher.pid}) and companion {version_on_disk(machine)}.
   ps xf                               what runs
   tail -f {launcher.trace}             the launcher's trace
   kill -USR1 $(pgrep -x KR)           the user quits the companion
-Leave with exit; everything in here goes with it.""", flush=True)
-    subprocess.run(["setpriv", f"--reuid={sandbox.UID}", f"--regid={sandbox.UID}", "--clear-groups", "bash", "--norc"],
-                   env=machine.environment | {"PS1": "sandbox:\\w$ ", "TERM": os.environ.get("TERM", "linux")},
-                   cwd=machine.folder)
+Leave with exit; everything in here goes with it.""",
+        flush=True,
+    )
+    subprocess.run(
+        ["setpriv", f"--reuid={sandbox.UID}", f"--regid={sandbox.UID}", "--clear-groups", "bash", "--norc"],
+        env=machine.environment | {"PS1": "sandbox:\\w$ ", "TERM": os.environ.get("TERM", "linux")},
+        cwd=machine.folder,
+    )
 
 
 def main():

@@ -3,8 +3,8 @@
     desktop.py PROGRAM [ARGUMENT...]
 
 The desktop's settings ask for dark windows, twice over: by preference and by a theme of the name "Night-dark". The
-program runs from a folder of its own, with the launcher's pictures beside it. Runs inside sandbox/enter; the exit status
-is the program's.
+program runs from a folder of its own, with the launcher's pictures beside it. Runs inside sandbox/enter; the exit
+status is the program's.
 """
 import contextlib
 import os
@@ -17,8 +17,11 @@ import machine
 
 
 PICTURES = [pathlib.Path("/source/ui/art") / name for name in ("Korvane.bmp", "offline.png")]
-THEMES = {"Night-dark/gtk-3.0/gtk.css": "#202020", "Night/gtk-3.0/gtk-dark.css": "#202020",
-          "Night/gtk-3.0/gtk.css": "#f0f0f0"}
+THEMES = {
+    "Night-dark/gtk-3.0/gtk.css": "#202020",
+    "Night/gtk-3.0/gtk-dark.css": "#202020",
+    "Night/gtk-3.0/gtk.css": "#f0f0f0",
+}
 
 
 def prefer_dark():
@@ -28,8 +31,10 @@ def prefer_dark():
     for name, background in THEMES.items():
         theme = machine.HOME / ".local/share/themes" / name
         theme.parent.mkdir(parents=True, exist_ok=True)
-        theme.write_text('@import url("resource:///org/gtk/libgtk/theme/Adwaita/gtk-contained.css");\n'
-                         f"window.background {{ background-color: {background}; }}\n")
+        theme.write_text(
+            '@import url("resource:///org/gtk/libgtk/theme/Adwaita/gtk-contained.css");\n'
+            f"window.background {{ background-color: {background}; }}\n"
+        )
 
 
 def install(program):
@@ -53,15 +58,39 @@ def desktop():
         machine.own(machine.HOME)
         display, _ = processes.start_display()
         plain, _ = processes.start_display("-extension", "MIT-SCREEN-SAVER")
-        environment = os.environ | {"DISPLAY": display, "DISPLAY_WITHOUT_IDLE_TIME": plain,
-                                    "HOME": str(machine.HOME), "USER": machine.USER}
+        environment = os.environ | {
+            "DISPLAY": display,
+            "DISPLAY_WITHOUT_IDLE_TIME": plain,
+            "HOME": str(machine.HOME),
+            "USER": machine.USER,
+        }
         quiet = {"env": environment, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         processes.start(["openbox"], **quiet)
-        processes.start(["trayer", "--edge", "bottom", "--align", "right", "--widthtype", "request", "--height", "26",
-                         "--transparent", "false", "--tint", "0xe8e8e8", "--SetPartialStrut", "true"], **quiet)
+        processes.start(
+            [
+                "trayer",
+                "--edge",
+                "bottom",
+                "--align",
+                "right",
+                "--widthtype",
+                "request",
+                "--height",
+                "26",
+                "--transparent",
+                "false",
+                "--tint",
+                "0xe8e8e8",
+                "--SetPartialStrut",
+                "true",
+            ],
+            **quiet,
+        )
 
         def ready():
-            manager = subprocess.run(["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"], env=environment, capture_output=True)
+            manager = subprocess.run(
+                ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"], env=environment, capture_output=True
+            )
             tray = subprocess.run(["xdotool", "search", "--class", "trayer"], env=environment, capture_output=True)
             return b"window id" in manager.stdout and tray.stdout
 
@@ -71,5 +100,13 @@ def desktop():
 
 if __name__ == "__main__":
     with desktop() as environment:
-        sys.exit(subprocess.run([install(sys.argv[1]), *sys.argv[2:]], env=environment, user=machine.UID,
-                                group=machine.UID, extra_groups=[], cwd=machine.HOME).returncode)
+        sys.exit(
+            subprocess.run(
+                [install(sys.argv[1]), *sys.argv[2:]],
+                env=environment,
+                user=machine.UID,
+                group=machine.UID,
+                extra_groups=[],
+                cwd=machine.HOME,
+            ).returncode
+        )

@@ -53,9 +53,32 @@ def make_certificates():
     TLS.mkdir()
 
     def certificate(name, host, *signer, command=("openssl",)):
-        subprocess.run([*command, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                        "-days", "2", "-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}",
-                        "-keyout", f"{name}.key", "-out", f"{name}.crt", *signer], check=True, capture_output=True, cwd=TLS)
+        subprocess.run(
+            [
+                *command,
+                "req",
+                "-x509",
+                "-newkey",
+                "ec",
+                "-pkeyopt",
+                "ec_paramgen_curve:P-256",
+                "-nodes",
+                "-days",
+                "2",
+                "-subj",
+                f"/CN={host}",
+                "-addext",
+                f"subjectAltName=DNS:{host}",
+                "-keyout",
+                f"{name}.key",
+                "-out",
+                f"{name}.crt",
+                *signer,
+            ],
+            check=True,
+            capture_output=True,
+            cwd=TLS,
+        )
 
     def context(name):
         made = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
@@ -77,17 +100,27 @@ class Processes(contextlib.ExitStack):
 
     def start(self, command, user=UID, **options):
         """Starts a process, as alice unless told otherwise."""
-        process = subprocess.Popen(command, user=user, group=user, extra_groups=None if user is None else [],
-                                   stdin=subprocess.DEVNULL, **options)
+        process = subprocess.Popen(
+            command,
+            user=user,
+            group=user,
+            extra_groups=None if user is None else [],
+            stdin=subprocess.DEVNULL,
+            **options,
+        )
         self.callback(end, process)
         return process
 
     def start_display(self, *options):
         """Starts an X server and returns its name and process."""
         reader, writer = os.pipe()
-        process = self.start(["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset",
-                              *options],
-                             user=None, pass_fds=[writer], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        process = self.start(
+            ["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset", *options],
+            user=None,
+            pass_fds=[writer],
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
         os.close(writer)
         with open(reader) as pipe:
             return ":" + pipe.readline().strip(), process
@@ -132,15 +165,26 @@ class Machine(Processes):
         self.trace_number += 1
         trace = pathlib.Path(f"/tmp/trace{self.trace_number}")
         with open(trace, "wb") as stream:
-            process = self.start(command or [str(path or self.launcher_path)], env=environment or self.environment, stderr=stream,
-                                 stdout=stream, **options)
+            process = self.start(
+                command or [str(path or self.launcher_path)],
+                env=environment or self.environment,
+                stderr=stream,
+                stdout=stream,
+                **options,
+            )
         process.trace = trace
         return process
 
     def start_companion(self):
         """Starts the installed companion and returns its process id."""
-        subprocess.run(["open", "-n", str(self.folder / "KR.app")], check=True, user=UID, group=UID, extra_groups=[],
-                       env=self.environment)
+        subprocess.run(
+            ["open", "-n", str(self.folder / "KR.app")],
+            check=True,
+            user=UID,
+            group=UID,
+            extra_groups=[],
+            env=self.environment,
+        )
         return until(companions, "the companion runs")[0]
 
 
@@ -182,7 +226,9 @@ def processes(name):
         if folder.name.isdigit():
             with contextlib.suppress(OSError):
                 status = (folder / "status").read_text()
-                if re.search(rf"^Name:\t{re.escape(name)}$", status, re.M) and not re.search(r"^State:\tZ", status, re.M):
+                if re.search(rf"^Name:\t{re.escape(name)}$", status, re.M) and not re.search(
+                    r"^State:\tZ", status, re.M
+                ):
                     found.append(int(folder.name))
     return sorted(found)
 
@@ -193,8 +239,10 @@ def companions():
 
 def quit_companion(pid):
     """What the user's Quit does in the companion's menu, once it is up."""
+
     def listens():
         caught = re.search(r"^SigCgt:\t(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M)
         return int(caught[1], 16) & (1 << (signal.SIGUSR1 - 1))
+
     until(listens, "the companion listens")
     os.kill(pid, signal.SIGUSR1)

@@ -4,8 +4,12 @@ import subprocess
 import desktop
 import machine
 
-STATES = [("fresh", []), ("no-user-name", ["LogIn"]), ("no-password", ["alice", "LogIn"]),
-          ("filled", ["alice\tsecret", "LogIn"])]
+STATES = [
+    ("fresh", []),
+    ("no-user-name", ["LogIn"]),
+    ("no-password", ["alice", "LogIn"]),
+    ("filled", ["alice\tsecret", "LogIn"]),
+]
 # Where to click, from the window's top left corner: the banner is 400 wide, the form 20 beside it.
 FIELD = (500, 82)
 LOG_IN = (476, 212)
@@ -14,6 +18,7 @@ LOG_IN = (476, 212)
 def main():
     for name, actions in STATES:
         with desktop.desktop() as environment, machine.Processes() as processes:
+
             def tool(*arguments):
                 return subprocess.run(arguments, env=environment, check=True, capture_output=True, text=True).stdout
 

@@ -72,8 +72,10 @@ class Service:
 
     def wait_for(self, what, count=1, timeout=120):
         """Waits until this many requests of the kind ("KR_CAP", "Korvane_CAP", "download") have come; returns them."""
+
         def found():
             return [request for request in self.requests if request.what == what]
+
         with self.changed:
             if not self.changed.wait_for(lambda: len(found()) >= count, timeout):
                 raise TimeoutError(f"no request {count} for {what} in {timeout} s; so far {self.order()}")
@@ -141,6 +143,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 # Faults: each returns a function that takes the handler and the content that a good answer would have.
 
+
 def status(number, **headers):
     """Another status, with the same content as its body."""
     return lambda handler, content: handler.send(number, content, **headers)
@@ -163,50 +166,60 @@ def page(handler, _):
 
 def cut(offset):
     """The promised length, but the connection is closed in good order after so many bytes."""
+
     def fault(handler, content):
         handler.head(200, len(content))
         handler.wfile.write(content[:offset])
         handler.wfile.flush()
         handler.request.unwrap()
+
     return fault
 
 
 def chunked_cut(offset):
     """Chunks, of which the last ones never come."""
+
     def fault(handler, content):
         handler.head(200, None, **{"Transfer-Encoding": "chunked"})
         handler.wfile.write(b"%x\r\n" % len(content) + content[:offset])
+
     return fault
 
 
 def reset(offset):
     """A TCP reset after so many bytes."""
+
     def fault(handler, content):
         handler.head(200, len(content))
         handler.wfile.write(content[:offset])
         handler.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         handler.request.close()
+
     return fault
 
 
 def stall(offset):
     """Silence after so many bytes, until the service ends or the client goes."""
+
     def fault(handler, content):
         handler.head(200, len(content))
         handler.wfile.write(content[:offset])
         handler.wfile.flush()
         _until_gone(handler)
+
     return fault
 
 
 def drip(seconds):
     """One byte at a time, with a pause after each."""
+
     def fault(handler, content):
         handler.head(200, len(content))
         for byte in content:
             handler.wfile.write(bytes([byte]))
             if handler.service.ending.wait(seconds):
                 return
+
     return fault
 
 

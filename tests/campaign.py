@@ -18,10 +18,22 @@ import threading
 import time
 import traceback
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
 import service as net
-from machine import (AGENT, LOCK, TOOLS, TOOLS_PATH, Machine, calls, companion_program, companions, lay_tool, lay_tools, own,
-                     processes, until)
+from machine import (
+    AGENT,
+    LOCK,
+    TOOLS,
+    TOOLS_PATH,
+    Machine,
+    calls,
+    companion_program,
+    companions,
+    lay_tool,
+    lay_tools,
+    own,
+    processes,
+    until,
+)
 
 HOSTS = pathlib.Path("/etc/hosts")
 OLD = companion_program("2.5")
@@ -30,6 +42,7 @@ ROUND_SECONDS = 200  # the mandated pauses and every time limit, one after anoth
 
 class Round:
     """One round: what is expected of it unless its fault says otherwise, and what the faults are made with."""
+
     outcomes = {"old"}  # of the installed executable: "old", "new", "absent", "folder"
     starts = 1  # how often the start command runs; None: it depends
     status = None  # of the launcher; None: it lives
@@ -57,6 +70,7 @@ def serve(what, make, **expected):
     def play(r):
         r.service.faults[what] = make(r)
         r.expect(**expected)
+
     return play
 
 
@@ -64,6 +78,7 @@ def do(action, **expected):
     def play(r):
         action(r)
         r.expect(**expected)
+
     return play
 
 
@@ -83,14 +98,23 @@ def full_disk(r):
 def failing_call(r):
     """A step of the replacement fails, after all bytes have been received."""
     call, error = r.rng.choice(["fsync", "chmod", "rename"]), r.rng.choice(["ENOSPC", "EIO"])
-    r.command = ["strace", "-f", "-o", "/dev/null", "-e", f"inject={call}:error={error}:when=1", r.machine.launcher_path]
+    r.command = [
+        "strace",
+        "-f",
+        "-o",
+        "/dev/null",
+        "-e",
+        f"inject={call}:error={error}:when=1",
+        r.machine.launcher_path,
+    ]
 
 
 def no_descriptors(r):
     def limit(_):
-        launcher, = processes("Korvane")
+        (launcher,) = processes("Korvane")
         used = 1 + max(int(name) for name in os.listdir(f"/proc/{launcher}/fd"))
         resource.prlimit(launcher, resource.RLIMIT_NOFILE, (used + r.rng.randrange(4), 4096))
+
     r.asked("version", limit)
     latest = time.monotonic() + 9
     r.done = lambda: AGENT.exists() or time.monotonic() > latest
@@ -99,9 +123,10 @@ def no_descriptors(r):
 def vanish(r):
     def fault(handler, content):
         handler.head(200, len(content))
-        handler.wfile.write(content[:r.offset])
+        handler.wfile.write(content[: r.offset])
         shutil.rmtree(r.folder)
-        handler.wfile.write(content[r.offset:])
+        handler.wfile.write(content[r.offset :])
+
     r.service.faults["download"] = fault
 
 
@@ -143,6 +168,7 @@ def two_launchers(r):
 def tool(name, body=None):
     def play(r):
         lay_tool(name, body) if body else (TOOLS / name).unlink()
+
     return play
 
 
@@ -153,6 +179,7 @@ def flicker(r):
             r.machine.flag.write_text(r.rng.choice(["", "0\n", "1x", "\n1"]))
             time.sleep(0.02)
             r.machine.flag.unlink(missing_ok=True)
+
     r.launched = flickers
     flag_is_read(r)
 
@@ -177,18 +204,33 @@ def odd(path, form, rng):
 
 
 HTTP_FAULTS = {
-    "reset": net.reset, "stalled": net.stall, "cut": net.cut, "chunked and cut": net.chunked_cut,
-    "empty": lambda _: net.body(b""), "redirect": lambda _: net.redirect}
+    "reset": net.reset,
+    "stalled": net.stall,
+    "cut": net.cut,
+    "chunked and cut": net.chunked_cut,
+    "empty": lambda _: net.body(b""),
+    "redirect": lambda _: net.redirect,
+}
 NEW, ODD = {"outcomes": {"new"}}, ("pipe", "folder", "huge", "unreadable", None)
-FAULTS = {f"download: {name}": serve("download", lambda r, make=make: make(r.offset)) for name, make in HTTP_FAULTS.items()}
-FAULTS |= {f"version: {name}": serve("version", lambda r, make=make: make(r.offset % 5), starts=0)
-           for name, make in HTTP_FAULTS.items()}
-FAULTS |= {f"certificate: {name}": do(lambda r, name=name: setattr(r.service, "certificate", name), starts=0)
-           for name in ("expired", "self-signed", "wrong-host")}
-FAULTS |= {f"marker: {form or 'binary'}": do(lambda r, form=form: odd(r.machine.marker, form, r.rng), **NEW, status=255)
-           for form in ODD}  # what counts as 0.0 is outdated
-FAULTS |= {f"flag: {form or 'binary'}": do(lambda r, form=form: (odd(r.machine.flag, form, r.rng), flag_is_read(r)), **NEW)
-           for form in ODD}
+FAULTS = {
+    f"download: {name}": serve("download", lambda r, make=make: make(r.offset)) for name, make in HTTP_FAULTS.items()
+}
+FAULTS |= {
+    f"version: {name}": serve("version", lambda r, make=make: make(r.offset % 5), starts=0)
+    for name, make in HTTP_FAULTS.items()
+}
+FAULTS |= {
+    f"certificate: {name}": do(lambda r, name=name: setattr(r.service, "certificate", name), starts=0)
+    for name in ("expired", "self-signed", "wrong-host")
+}
+FAULTS |= {
+    f"marker: {form or 'binary'}": do(lambda r, form=form: odd(r.machine.marker, form, r.rng), **NEW, status=255)
+    for form in ODD
+}  # what counts as 0.0 is outdated
+FAULTS |= {
+    f"flag: {form or 'binary'}": do(lambda r, form=form: (odd(r.machine.flag, form, r.rng), flag_is_read(r)), **NEW)
+    for form in ODD
+}
 FAULTS |= {
     "none": do(lambda r: None, **NEW),
     "version: dripping": serve("version", lambda r: net.drip(8), starts=0),
@@ -198,27 +240,38 @@ FAULTS |= {
     "version: too long": serve("version", lambda r: net.body(b'"9' * 40_000), starts=0),
     "download: dripping": serve("download", lambda r: net.drip(0.05)),
     "download: error with a body": serve("download", lambda r: net.status(r.rng.choice([201, 206, 404, 500, 503]))),
-    "download: refused": do(lambda r: (r.asked("version", lambda _: r.service.listen(False)),
-                                       r.undo(r.service.listen, True))),
-    "certificate: changes": do(lambda r: r.asked("version", lambda h: setattr(r.service, "certificate", "self-signed"))),
+    "download: refused": do(
+        lambda r: (r.asked("version", lambda _: r.service.listen(False)), r.undo(r.service.listen, True))
+    ),
+    "certificate: changes": do(
+        lambda r: r.asked("version", lambda h: setattr(r.service, "certificate", "self-signed"))
+    ),
     "handshake: never ends": serve("connect", lambda r: net.silent_handshake, starts=0),
     "handshake: reset": serve("connect", lambda r: net.reset_handshake, starts=0),
     "name: does not resolve": do(unresolved, starts=0),
-    "disk: full": full_disk, "disk: a call fails": failing_call,
+    "disk: full": full_disk,
+    "disk: a call fails": failing_call,
     "disk: no descriptors": do(no_descriptors, outcomes={"old", "new"}, starts=None),
     "folder: read-only": do(lambda r: read_only(r, r.folder)),
     "folder: in the target's place": do(become_folder, outcomes={"folder"}),
     "folder: missing": do(lambda r: shutil.rmtree(r.folder), outcomes={"absent"}),
-    "folder: vanishes": do(vanish, outcomes={"absent"}), "target: missing": do(lambda r: r.target.unlink(), **NEW),
+    "folder: vanishes": do(vanish, outcomes={"absent"}),
+    "target: missing": do(lambda r: r.target.unlink(), **NEW),
     "LaunchAgents: read-only": do(lambda r: read_only(r, AGENT.parent), **NEW, done=None),
     "killed: anywhere": do(kill_anywhere, outcomes={"old", "new"}, starts=None, status=-9),
     "killed: in the download": do(kill_during_download, starts=0, status=-9),
     "display lost": do(lose_display, outcomes={"old", "new"}, starts=None, status=1),
     "two launchers, no lock": do(two_launchers, **NEW, starts=None),  # either's pkill may end the other's start command
-    "pkill: missing": do(tool("pkill"), **NEW), "pkill: fails": do(tool("pkill", "exit 3"), **NEW),
-    "open: missing": do(tool("open"), **NEW, starts=0), "open: fails": do(tool("open", "exit 1"), **NEW),
-    "companion: dies": do(lambda r: (r.machine.start_companion(), r.asked("version", lambda _: clear_away("KR"))), **NEW), "companion: ignores SIGTERM": do(lambda r: r.machine.start(
-        ["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"]), **NEW),
+    "pkill: missing": do(tool("pkill"), **NEW),
+    "pkill: fails": do(tool("pkill", "exit 3"), **NEW),
+    "open: missing": do(tool("open"), **NEW, starts=0),
+    "open: fails": do(tool("open", "exit 1"), **NEW),
+    "companion: dies": do(
+        lambda r: (r.machine.start_companion(), r.asked("version", lambda _: clear_away("KR"))), **NEW
+    ),
+    "companion: ignores SIGTERM": do(
+        lambda r: r.machine.start(["sh", "-c", "trap '' TERM; while :; do sleep 1000; done", "KR"]), **NEW
+    ),
     "marker: equal": do(lambda r: odd(r.machine.marker, b"  +2.6.9\r\n", r.rng), starts=0),
     "marker: far ahead": do(lambda r: odd(r.machine.marker, b"9" * 5000, r.rng), starts=0),
     "flag: flickers": do(flicker, **NEW),
@@ -234,10 +287,15 @@ def lay_old(target, times):
 
 def snapshot(machine):
     """Everything in the install folder but the target, its staging files and what rounds make odd."""
+
     def describe(path):
         return path.lstat().st_mode, hashlib.sha256(path.read_bytes()).digest() if path.is_file() else None
-    return {path: describe(path) for path in machine.folder.rglob("*")
-            if machine.companion.parent not in (path, *path.parents) and path not in (machine.marker, machine.flag)}
+
+    return {
+        path: describe(path)
+        for path in machine.folder.rglob("*")
+        if machine.companion.parent not in (path, *path.parents) and path not in (machine.marker, machine.flag)
+    }
 
 
 def staging(machine):
@@ -275,7 +333,9 @@ def outcome(r):
         return "folder"
     content, status = r.target.read_bytes(), r.target.stat()
     if content == OLD:
-        check((status.st_mode, status.st_mtime_ns) == (0o100700, 10**18), "the old executable's mode or times changed")
+        check(
+            (status.st_mode, status.st_mtime_ns) == (0o100700, 10**18), "the old executable's mode or times changed"
+        )
         return "old"
     check(content == r.payload and status.st_mode == 0o100755, "the installed executable is damaged")
     return "new"
@@ -299,7 +359,10 @@ def play(machine, fault, rng):
         found, opened = outcome(r), len(calls("open"))
         check(found in r.outcomes, f"the executable is {found}, not in {r.outcomes}")
         check(r.starts in (None, opened), f"the start command ran {opened} times, not {r.starts}")
-        check(r.status == -9 or set(staging(machine)) <= set(leftovers if found != "new" else []), "a staging file is left")
+        check(
+            r.status == -9 or set(staging(machine)) <= set(leftovers if found != "new" else []),
+            "a staging file is left",
+        )
         check(snapshot(machine) == before, "something else has changed")
         clear_away("KR")
         return found
@@ -310,8 +373,10 @@ def supervise(machine, rng, cycles):
     begin(machine)
     machine.offer("2.6", payload=companion_program("2.6", 50_000))
     kinds = [net.reset(700), net.cut(700), net.chunked_cut(700), net.status(500), net.body(b""), None]
-    launcher = machine.launch(command=["faketime", "-m", "-f", "+0 x20", machine.launcher_path],
-                              environment=machine.environment | {"PATH": TOOLS_PATH})
+    launcher = machine.launch(
+        command=["faketime", "-m", "-f", "+0 x20", machine.launcher_path],
+        environment=machine.environment | {"PATH": TOOLS_PATH},
+    )
     usage = []
     for cycle in range(cycles):
         machine.service.faults["download"] = rng.choice(kinds)

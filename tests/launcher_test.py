@@ -10,10 +10,21 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "sandbox"))
 import service as faults
-from machine import (AGENT, HOME, LOCK, TOOLS_PATH, TRACE, Machine, calls, companion_program, companions, lay_tools, own,
-                     until)
+from machine import (
+    AGENT,
+    HOME,
+    LOCK,
+    TOOLS_PATH,
+    TRACE,
+    Machine,
+    calls,
+    companion_program,
+    companions,
+    lay_tools,
+    own,
+    until,
+)
 
 
 AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
@@ -38,8 +49,10 @@ def test_newer_companion_is_stopped_replaced_and_started():
     with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
         machine.offer("2.6.0.0", payload=payload)
         alive = []
-        machine.service.faults["download"] = lambda handler, content: (alive.extend(companions()),
-                                                                       handler.send(200, content))
+        machine.service.faults["download"] = lambda handler, content: (
+            alive.extend(companions()),
+            handler.send(200, content),
+        )
         machine.start_companion()
         began = time.monotonic()
         machine.launch()
@@ -48,14 +61,17 @@ def test_newer_companion_is_stopped_replaced_and_started():
         assert [(r.what, r.method, r.path, r.body) for r in machine.service.requests] == [
             ("KR_CAP", "POST", faults.VERSION_PATH, "app=KR_CAP"),
             ("download", "GET", faults.DOWNLOAD_PATH + "KR", ""),
-            ("Korvane_CAP", "POST", faults.VERSION_PATH, "app=Korvane_CAP")], machine.service.requests
+            ("Korvane_CAP", "POST", faults.VERSION_PATH, "app=Korvane_CAP"),
+        ], machine.service.requests
         assert companion.headers["Content-Type"] == "application/x-www-form-urlencoded"
-        assert companion.time - began >= 2 and download.time - companion.time >= 2 and launcher.time - download.time >= 2
+        assert (
+            companion.time - began >= 2 and download.time - companion.time >= 2 and launcher.time - download.time >= 2
+        )
         assert alive == [], "the old companion must be gone before the download"
         content, mode, *_ = state(machine.companion)
         assert content == payload and mode == 0o100755
         assert list(machine.companion.parent.iterdir()) == [machine.companion]
-        pid, = until(companions, "the companion runs")
+        (pid,) = until(companions, "the companion runs")
         assert str(machine.companion).encode() in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
 
 
@@ -87,16 +103,25 @@ def test_every_way_to_start_finds_the_folder():
         link = HOME / "link"
         link.symlink_to(machine.launcher_path)
         folder = machine.folder
-        ways = [(str(link), {}, str(link)),
-                ("../Applications/Korvane.app/Contents/MacOS/Korvane", {"cwd": folder},
-                 f"{folder}/../Applications/Korvane.app/Contents/MacOS/Korvane")]
+        ways = [
+            (str(link), {}, str(link)),
+            (
+                "../Applications/Korvane.app/Contents/MacOS/Korvane",
+                {"cwd": folder},
+                f"{folder}/../Applications/Korvane.app/Contents/MacOS/Korvane",
+            ),
+        ]
         for path, options, raw in ways:
             process = machine.launch(path, **options)
             until(AGENT.exists, "start-up is complete")
             assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
             assert AGENT.read_text() == AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
             agent = plistlib.loads(AGENT.read_bytes())
-            assert agent == {"Label": "com.mervix.korvane", "ProgramArguments": [f"{folder}/Korvane"], "RunAtLoad": True}
+            assert agent == {
+                "Label": "com.mervix.korvane",
+                "ProgramArguments": [f"{folder}/Korvane"],
+                "RunAtLoad": True,
+            }
             process.kill()
             process.wait()
             AGENT.unlink()
@@ -115,7 +140,7 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
         machine.flag.write_text("0\n")
         lay_tools()
         launcher = machine.launch(environment=machine.environment | {"PATH": TOOLS_PATH})
-        up, = machine.service.wait_for("Korvane_CAP")
+        (up,) = machine.service.wait_for("Korvane_CAP")
         first = machine.service.wait_for("KR_CAP", 2)[1]
         machine.flag.write_text("1\r\n")
         second = machine.service.wait_for("KR_CAP", 3)[2]
@@ -146,7 +171,7 @@ def test_outdated_launcher_ends_itself():
 
 
 def test_archive_runs_anywhere_without_the_toolkit_installed():
-    archive, = pathlib.Path("/build").glob("Korvane-*.tar.gz")
+    (archive,) = pathlib.Path("/build").glob("Korvane-*.tar.gz")
     subprocess.run(["tar", "-xf", str(archive), "-C", "/tmp"], check=True)
     unpacked = pathlib.Path("/tmp") / archive.name.removesuffix(".tar.gz")
     contents = unpacked / "Korvane.app/Contents"
@@ -160,7 +185,9 @@ def test_archive_runs_anywhere_without_the_toolkit_installed():
     for library in pathlib.Path("/usr/lib").glob("*/libwx_*"):
         subprocess.run(["mount", "--bind", "/dev/null", str(library)], check=True)
     with Machine(folder="/home/alice/Any folder", bundle=unpacked, installed=version) as machine:
-        libraries = subprocess.run(["ldd", str(machine.launcher_path)], check=True, capture_output=True, text=True).stdout
+        libraries = subprocess.run(
+            ["ldd", str(machine.launcher_path)], check=True, capture_output=True, text=True
+        ).stdout
         toolkit = [line for line in libraries.splitlines() if "libwx" in line]
         assert toolkit and all(str(machine.folder) in line for line in toolkit), toolkit
         machine.offer(version, launcher=version)
@@ -187,18 +214,33 @@ def end(thread, how, status):
         if thread != "sleeps":
             machine.service.wait_for("KR_CAP", 2)
         if thread == "downloads":
-            until(lambda: any(path.stat().st_size for path in machine.companion.parent.glob("*.download.*")), "bytes come")
+            until(
+                lambda: any(path.stat().st_size for path in machine.companion.parent.glob("*.download.*")), "bytes come"
+            )
         machine.display_process.kill() if how == "display" else launcher.send_signal(how)
         # A launcher that waits for its thread would hang in the endless download.
         assert launcher.wait(30) == status, launcher.returncode
         assert state(machine.companion) == before
 
 
-def test_end_with_the_display_while_sleeping(): end("sleeps", "display", 1)
-def test_end_with_the_display_while_downloading(): end("downloads", "display", 1)
-def test_end_of_the_loop_while_pausing(): end("pauses", signal.SIGUSR1, 0)
-def test_end_of_the_loop_while_downloading(): end("downloads", signal.SIGUSR1, 0)
-def test_end_by_exit_while_downloading(): end("downloads", signal.SIGUSR2, 7)
+def test_end_with_the_display_while_sleeping():
+    end("sleeps", "display", 1)
+
+
+def test_end_with_the_display_while_downloading():
+    end("downloads", "display", 1)
+
+
+def test_end_of_the_loop_while_pausing():
+    end("pauses", signal.SIGUSR1, 0)
+
+
+def test_end_of_the_loop_while_downloading():
+    end("downloads", signal.SIGUSR1, 0)
+
+
+def test_end_by_exit_while_downloading():
+    end("downloads", signal.SIGUSR2, 7)
 
 
 if __name__ == "__main__":

@@ -5,10 +5,21 @@ import sys
 
 ROOT = pathlib.Path(__file__).parents[1]
 FOLDERS = ("app", "companion", "supervise", "platform", "ui")
-STANDARD = set("algorithm array cctype cerrno chrono climits cstddef cstdint cstdio cstdlib cstring filesystem fstream "
-               "initializer_list limits memory optional string thread tuple utility".split())
-SYSTEM = {"AppKit/AppKit.h", "CoreFoundation/CoreFoundation.h", "IOKit/IOKitLib.h", "curl/curl.h",
-          "dispatch/dispatch.h", "fcntl.h", "mach-o/dyld.h", "sys/stat.h", "unistd.h"}
+STANDARD = set(
+    "algorithm array cctype cerrno chrono climits cstddef cstdint cstdio cstdlib cstring filesystem fstream "
+    "initializer_list limits memory optional string thread tuple utility".split()
+)
+SYSTEM = {
+    "AppKit/AppKit.h",
+    "CoreFoundation/CoreFoundation.h",
+    "IOKit/IOKitLib.h",
+    "curl/curl.h",
+    "dispatch/dispatch.h",
+    "fcntl.h",
+    "mach-o/dyld.h",
+    "sys/stat.h",
+    "unistd.h",
+}
 
 
 def problems(text):
@@ -20,7 +31,12 @@ def problems(text):
             yield f"includes {name}"
 
 
-found = [f"{path.relative_to(ROOT)}: {problem}" for folder in FOLDERS for path in sorted((ROOT / folder).glob("*.*"))
-         if path.is_file() for problem in problems(path.read_text())]
+found = [
+    f"{path.relative_to(ROOT)}: {problem}"
+    for folder in FOLDERS
+    for path in sorted((ROOT / folder).glob("*.*"))
+    if path.is_file()
+    for problem in problems(path.read_text())
+]
 print("\n".join(found))
 sys.exit(bool(found))
