@@ -1,6 +1,7 @@
 // The launcher's entry, its application object, its globals and its start-up sequence.
 #include "app/Korvane_Cross_launcher.h"
 
+#include "app/Globals.h"
 #include "app/UserName.h"
 #include "companion/CompanionUpdate.h"
 #include "companion/LauncherCheck.h"
@@ -10,7 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
+#include <thread>
 #include <wx/app.h>
 #include <wx/image.h>
 

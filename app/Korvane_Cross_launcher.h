@@ -1,26 +1,7 @@
-// The launcher's process-wide state and its start-up sequence.
-//
-// Including this header from companion/ and supervise/ gives them the globals; the entry point and the application
-// class stay in the source file.
+// The launcher's start-up sequence. The entry point and the application class stay in the source file.
 #pragma once
 
 #include <string>
-#include <thread>
-
-class LoginDialog;
-
-// The one slot holds the supervision thread once start-up has created it. Nothing joins or detaches it.
-extern std::thread (&g_threads)[1];
-
-// Login name of the user who runs the launcher, in the bytes of the environment. Written by initStartup, before the
-// supervision thread exists, and by nobody afterwards.
-extern std::string &uname_windows;
-
-// Install folder: absolute, ends in "/", holds both bundles. Written like uname_windows.
-extern std::string &filepath;
-
-// The login window, if some caller has built one; the start-up sequence does not.
-extern LoginDialog *g_dlg;
 
 // Keeps a second launcher out with an exclusive record lock on "/tmp/<name>.lock", held until the process ends
 // (fcntl(2), F_SETLK). Returns true when the lock is refused, and false when it is held by this process or when the

@@ -1,7 +1,7 @@
 // Bringing the companion up to date and starting it.
 #include "companion/CompanionUpdate.h"
 
-#include "app/Korvane_Cross_launcher.h"
+#include "app/Globals.h"
 #include "companion/ServiceClient.h"
 #include "companion/ShellQuote.h"
 #include "companion/UpdateCheck.h"

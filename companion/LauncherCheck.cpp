@@ -1,7 +1,7 @@
 // The launcher's check of itself at start-up.
 #include "companion/LauncherCheck.h"
 
-#include "app/Korvane_Cross_launcher.h"
+#include "app/Globals.h"
 #include "companion/UpdateCheck.h"
 #include "ui/LoginDialog.h"
 

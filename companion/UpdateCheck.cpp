@@ -1,7 +1,7 @@
 // The question that the companion's update and the launcher's own check have in common.
 #include "companion/UpdateCheck.h"
 
-#include "app/Korvane_Cross_launcher.h"
+#include "app/Globals.h"
 #include "companion/AppVersion.h"
 #include "companion/ServiceClient.h"
 #include "platform/Platform.h"

@@ -1,7 +1,7 @@
 // The file through which the companion reports that the user quit it.
 #include "supervise/ManualExitFlag.h"
 
-#include "app/Korvane_Cross_launcher.h"
+#include "app/Globals.h"
 #include "platform/FirstLine.h"
 
 #include <chrono>

@@ -1,4 +1,4 @@
-"""Product sources hold no platform conditionals and include only what macOS has under that name."""
+"""Product sources hold no platform conditionals and include only what macOS has under that name, and nothing above."""
 import pathlib
 import re
 import sys
@@ -7,28 +7,38 @@ ROOT = pathlib.Path(__file__).parents[1]
 FOLDERS = ("app", "companion", "supervise", "platform", "ui")
 STANDARD = set(
     "algorithm array cctype cerrno chrono climits cstddef cstdint cstdio cstdlib cstring filesystem fstream "
-    "initializer_list limits memory optional string thread tuple utility".split()
+    "initializer_list limits memory optional string system_error thread tuple utility".split()
 )
-SYSTEM = {
-    "AppKit/AppKit.h",
-    "CoreFoundation/CoreFoundation.h",
-    "IOKit/IOKitLib.h",
-    "curl/curl.h",
-    "dispatch/dispatch.h",
-    "fcntl.h",
-    "mach-o/dyld.h",
-    "sys/stat.h",
-    "unistd.h",
-}
+SYSTEM = set(
+    "AppKit/AppKit.h CoreFoundation/CoreFoundation.h IOKit/IOKitLib.h curl/curl.h dispatch/dispatch.h fcntl.h "
+    "mach-o/dyld.h sys/stat.h unistd.h".split()
+)
+# From the ground up: a file includes files of its own floor and of those below.
+FLOORS = [
+    "app/Globals platform/FirstLine platform/Platform platform/UniqueFd",
+    "app/LoginItem app/UserName companion/AppVersion companion/ServiceClient companion/ShellQuote companion/StagedFile "
+    "companion/UpdateCheck supervise/CompanionProcess supervise/ManualExitFlag ui/KorvaneTrayIcon ui/LoginDialog",
+    "companion/CompanionUpdate companion/LauncherCheck",
+    "supervise/Supervision",
+    "app/Korvane_Cross_launcher",
+]
 
 
-def problems(text):
+def floor(name):
+    unit = name.rsplit(".", 1)[0]
+    return next((number for number, units in enumerate(FLOORS) if unit in units.split()), None)
+
+
+def problems(name, text):
+    if floor(name) is None:
+        yield "stands on no floor"
     if re.search(r"^\s*#\s*(if|ifdef|ifndef|elif|elifdef|elifndef)\b", text, re.M):
         yield "a conditional"
-    for quote, name in re.findall(r"^\s*#\s*(?:include|import)\s*([<\"])([^>\"]+)", text, re.M):
-        known = (ROOT / name).is_file() if quote == '"' else name in STANDARD | SYSTEM or name.startswith("wx/")
-        if not known:
-            yield f"includes {name}"
+    for quote, included in re.findall(r"^\s*#\s*(?:include|import)\s*([<\"])([^>\"]+)", text, re.M):
+        if quote == "<" and included not in STANDARD | SYSTEM and not included.startswith("wx/"):
+            yield f"includes {included}, which macOS does not have"
+        if quote == '"' and (floor(included) is None or floor(included) > floor(name)):
+            yield f"includes {included}, which is not on a floor below"
 
 
 found = [
@@ -36,7 +46,7 @@ found = [
     for folder in FOLDERS
     for path in sorted((ROOT / folder).glob("*.*"))
     if path.is_file()
-    for problem in problems(path.read_text())
+    for problem in problems(str(path.relative_to(ROOT)), path.read_text())
 ]
 print("\n".join(found))
 sys.exit(bool(found))
