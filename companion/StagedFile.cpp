@@ -3,6 +3,7 @@
 
 #include "platform/UniqueFd.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -28,10 +29,20 @@ void removeLeftovers(const fs::path &target) {
     }
 }
 
+// Returns true once what was written to the file or folder is on the medium. On macOS fsync(2) leaves it in the drive's
+// cache, which may be written in any order; F_FULLFSYNC flushes that too. Some file systems, those of network volumes
+// among them, refuse it with one of these three errors: their fsync has to do.
+bool reachMedium(int descriptor) {
+    if (fcntl(descriptor, F_FULLFSYNC) == 0)
+        return true;
+    const bool refused = errno == ENOTSUP || errno == ENOTTY || errno == EINVAL;
+    return refused && fsync(descriptor) == 0;
+}
+
 void syncFolder(const fs::path &folder) {
     const UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (descriptor)
-        fsync(descriptor.get());
+        reachMedium(descriptor.get());
 }
 
 } // namespace
@@ -65,7 +76,7 @@ StagedFile::~StagedFile() {
 void StagedFile::replaceTarget() {
     struct stat received = {};
     if (std::fflush(stream_.get()) != 0 || fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 ||
-        fsync(fileno(stream_.get())) != 0)
+        !reachMedium(fileno(stream_.get())))
         return;
     if (std::fclose(stream_.release()) != 0)
         return;
