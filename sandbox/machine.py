@@ -27,7 +27,7 @@ TOOLS_PATH = f"{TOOLS}:/bin"
 CALLS = pathlib.Path("/tmp/calls")
 TLS = pathlib.Path("/run/tls")
 TRUST_STORE = "/etc/ssl/certs/ca-certificates.crt"
-COMPANION = pathlib.Path(__file__).with_name("companion.py").read_text()
+COMPANION = (pathlib.Path(__file__).parent / "KR.app/Contents/MacOS/KR").read_text()
 
 
 def until(condition, what, timeout=120):
@@ -140,9 +140,11 @@ class Machine(Processes):
         AGENT.parent.mkdir(parents=True)
         shutil.copytree(self.bundle, self.folder, symlinks=True)
         self.companion = self.folder / "KR.app/Contents/MacOS/KR"
-        self.companion.parent.mkdir(parents=True)
-        self.companion.write_bytes(companion_program(self.installed))
-        self.companion.chmod(0o755)
+        if not self.companion.exists():
+            self.companion.parent.mkdir(parents=True)
+            self.companion.write_bytes(companion_program(self.installed))
+            self.companion.chmod(0o755)
+        self.login_item = self.folder / "Korvane"
         self.launcher_path = self.folder / "Korvane.app/Contents/MacOS/Korvane"
         self.marker = self.launcher_path.with_name("Korvane.version")
         self.marker.write_text(self.installed + "\n")

@@ -38,6 +38,11 @@ AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
 </dict></plist>
 """
 
+# Runs a command whose sleeps return at once.
+QUICKLY = (
+    "strace -D -f --seccomp-bpf -qq -o /tmp/script -e trace=clock_nanosleep -e inject=clock_nanosleep:retval=0".split()
+)
+
 
 def state(path):
     status = path.stat()
@@ -98,40 +103,43 @@ def test_not_newer_does_nothing_and_one_launcher_lives():
 
 
 def test_every_way_to_start_finds_the_folder():
-    with Machine() as machine:
+    with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
         machine.offer("2.5")
-        link = HOME / "link"
-        link.symlink_to(machine.launcher_path)
-        folder = machine.folder
+        folder, launcher = machine.folder, machine.launcher_path
+        agent = {"Label": "com.mervix.korvane", "ProgramArguments": [f"{folder}/Korvane"], "RunAtLoad": True}
+        link, launcher_link = HOME / "link", HOME / "launcher link"
+        link.symlink_to(machine.login_item)
+        launcher_link.symlink_to(launcher)
+        # The launcher's own path as it is; the login item's, however it is started, the real one inside the bundle.
         ways = [
-            (str(link), {}, str(link)),
+            (launcher_link, launcher_link),
             (
-                "../Applications/Korvane.app/Contents/MacOS/Korvane",
-                {"cwd": folder},
-                f"{folder}/../Applications/Korvane.app/Contents/MacOS/Korvane",
+                f"../{folder.name}/Korvane.app/Contents/MacOS/Korvane",
+                f"{folder}/../{launcher.relative_to(folder.parent)}",
             ),
+            (agent["ProgramArguments"][0], launcher),
+            (link, launcher),
+            ("../link", launcher),
         ]
-        for path, options, raw in ways:
-            process = machine.launch(path, **options)
+        # The environment that launchd gives, and a display.
+        bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
+        for path, raw in ways:
+            process = machine.launch(command=[*QUICKLY, path, "one argument", "-x"], environment=bare, cwd=folder)
             until(AGENT.exists, "start-up is complete")
             assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
             assert AGENT.read_text() == AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
-            agent = plistlib.loads(AGENT.read_bytes())
-            assert agent == {
-                "Label": "com.mervix.korvane",
-                "ProgramArguments": [f"{folder}/Korvane"],
-                "RunAtLoad": True,
-            }
+            assert plistlib.loads(AGENT.read_bytes()) == agent
+            assert pathlib.Path(f"/proc/{process.pid}/exe").readlink() == launcher
+            command = pathlib.Path(f"/proc/{process.pid}/cmdline").read_text().split("\0")
+            assert command[1:] == ["one argument", "-x", ""], command
             process.kill()
             process.wait()
             AGENT.unlink()
 
-        # The log-in: what launchd would do with the file.
-        bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
-        machine.launch(agent["ProgramArguments"][0], bare)
-        until(AGENT.exists, "start-up is complete")
-        assert TRACE.read_text().splitlines()[1] == f"raw path: {folder}/Korvane"
-        assert plistlib.loads(AGENT.read_bytes()) == agent
+        shutil.move(folder / "Korvane.app", HOME)
+        process = machine.launch(link)
+        assert process.wait(60) == 127
+        assert process.trace.read_text() == f"Korvane: cannot start {launcher}: No such file or directory\n"
 
 
 def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():

@@ -1,0 +1,23 @@
+# Signs an install folder from the inside out: each library, the program of the login item, the bundle.
+#
+#   cmake -D FOLDER=... -D IDENTITY=... -P sign.cmake
+#
+# An identity other than "-" (ad hoc) gets the hardened runtime and a timestamp, without which Apple notarises nothing.
+# Fails when anything cannot be signed, or does not verify strictly afterwards.
+set(sign codesign --force --sign ${IDENTITY})
+if(NOT IDENTITY STREQUAL "-")
+    list(APPEND sign --options runtime --timestamp)
+endif()
+
+file(GLOB libraries ${FOLDER}/Korvane.app/Contents/Frameworks/*)
+foreach(library IN LISTS libraries)
+    execute_process(COMMAND ${sign} ${library} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+set(program ${FOLDER}/Korvane)
+set(bundle ${FOLDER}/Korvane.app)
+execute_process(COMMAND ${sign} --identifier com.mervix.korvane.login-item ${program} COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND ${sign} ${bundle} COMMAND_ERROR_IS_FATAL ANY)
+
+foreach(signed IN ITEMS ${program} ${bundle})
+    execute_process(COMMAND codesign --verify --strict --verbose=2 ${signed} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
