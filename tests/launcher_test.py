@@ -4,25 +4,23 @@
 """
 import pathlib
 import plistlib
+import re
 import shutil
 import signal
 import subprocess
 import sys
-import time
 
 import service as faults
 from machine import (
     AGENT,
     HOME,
     LOCK,
-    TOOLS_PATH,
     TRACE,
     Machine,
-    calls,
     companion_program,
     companions,
-    lay_tools,
     own,
+    processes,
     until,
 )
 
@@ -38,10 +36,33 @@ AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
 </dict></plist>
 """
 
-# Runs a command whose sleeps return at once.
-QUICKLY = (
-    "strace -D -f --seccomp-bpf -qq -o /tmp/script -e trace=clock_nanosleep -e inject=clock_nanosleep:retval=0".split()
-)
+SCRIPT = pathlib.Path("/tmp/script")
+# Starts a command whose sleeps return at once. SCRIPT tells them, and what else the command does.
+QUICKLY = "strace -D -f --seccomp-bpf -qq -s 999 -o /tmp/script -e inject=clock_nanosleep:retval=0".split()
+QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve"]
+STEPS = {
+    r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
+    r"connect\(.*htons\(443\)": "ask",
+    r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|alice_ManualExit.txt|KR.download).*O_": "open",
+    r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
+}
+
+
+def launch_quickly(machine, *command, **options):
+    SCRIPT.write_text("")
+    SCRIPT.chmod(0o666)
+    return machine.launch(command=[*QUICKLY, *(command or [machine.launcher_path])], **options)
+
+
+def script():
+    """What a launcher started QUICKLY has done so far, step by step."""
+    steps = []
+    for line in SCRIPT.read_text(errors="replace").splitlines():
+        for pattern, step in STEPS.items():
+            found = re.search(pattern, line)
+            if found:
+                steps.append(" ".join([step, *found.groups()]))
+    return "; ".join(steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
 
 
 def state(path):
@@ -49,35 +70,39 @@ def state(path):
     return path.read_bytes(), status.st_mode, status.st_mtime_ns, status.st_ino
 
 
+LOCKED = "sleep 2; open Korvane.lock; "
+BEGIN = LOCKED + "open korvane_debug.txt; "
+COMPANION = "open Korvane.version; ask; "
+LAUNCHER = "sleep 2; open Korvane.version; ask; "
+FLAG = "open alice_ManualExit.txt; "
+CYCLE = "sleep 1; " * 3 + FLAG + ("sleep 1; " * 5 + FLAG) * 5 + "sleep 1; " * 2 + "run pgrep -x KR; "
+
+
 def test_newer_companion_is_stopped_replaced_and_started():
     payload = companion_program("2.6", 3_000_000)
     with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
         machine.offer("2.6.0.0", payload=payload)
-        alive = []
-        machine.service.faults["download"] = lambda handler, content: (
-            alive.extend(companions()),
-            handler.send(200, content),
-        )
-        machine.start_companion()
-        began = time.monotonic()
-        machine.launch()
+        old = machine.start_companion()
+        launcher = launch_quickly(machine)
         machine.service.wait_for("Korvane_CAP")
-        companion, download, launcher = machine.service.requests
         assert [(r.what, r.method, r.path, r.body) for r in machine.service.requests] == [
             ("KR_CAP", "POST", faults.VERSION_PATH, "app=KR_CAP"),
             ("download", "GET", faults.DOWNLOAD_PATH + "KR", ""),
             ("Korvane_CAP", "POST", faults.VERSION_PATH, "app=Korvane_CAP"),
         ], machine.service.requests
-        assert companion.headers["Content-Type"] == "application/x-www-form-urlencoded"
-        assert (
-            companion.time - began >= 2 and download.time - companion.time >= 2 and launcher.time - download.time >= 2
-        )
-        assert alive == [], "the old companion must be gone before the download"
+        assert machine.service.requests[0].headers["Content-Type"] == "application/x-www-form-urlencoded"
         content, mode, *_ = state(machine.companion)
         assert content == payload and mode == 0o100755
         assert list(machine.companion.parent.iterdir()) == [machine.companion]
-        (pid,) = until(companions, "the companion runs")
+        (pid,) = until(lambda: [pid for pid in companions() if pid != old], "the companion runs")
         assert str(machine.companion).encode() in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
+        until(lambda: "sleep 1; " in script(), "the supervision thread")
+        stop, start = 'run pkill -f "KR"; sleep 2; ', "open korvane_debug.txt; run open -n "
+        quoted = '"/home/alice/My \\"Apps\\" \\$HOME \\`id\\` \\\\/KR.app"; '
+        expected = BEGIN + COMPANION + stop + "open KR.download; ask; " + start + quoted + LAUNCHER
+        assert script().startswith(expected + "sleep 1; "), script()
+        trace = launcher.trace.read_text()
+        assert (trace.count("> POST /"), trace.count("> GET /"), trace.count("< HTTP/1.1 200")) == (2, 1, 3), trace
 
 
 def test_not_newer_does_nothing_and_one_launcher_lives():
@@ -124,7 +149,7 @@ def test_every_way_to_start_finds_the_folder():
         # The environment that launchd gives, and a display.
         bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
         for path, raw in ways:
-            process = machine.launch(command=[*QUICKLY, path, "one argument", "-x"], environment=bare, cwd=folder)
+            process = launch_quickly(machine, path, "one argument", "-x", environment=bare, cwd=folder)
             until(AGENT.exists, "start-up is complete")
             assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
             assert AGENT.read_text() == AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
@@ -145,25 +170,42 @@ def test_every_way_to_start_finds_the_folder():
 def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
     with Machine() as machine:
         machine.offer("2.5")
-        machine.flag.write_text("0\n")
-        lay_tools()
-        launcher = machine.launch(environment=machine.environment | {"PATH": TOOLS_PATH})
-        (up,) = machine.service.wait_for("Korvane_CAP")
-        first = machine.service.wait_for("KR_CAP", 2)[1]
-        machine.flag.write_text("1\r\n")
-        second = machine.service.wait_for("KR_CAP", 3)[2]
-        assert first.time - up.time >= 30 and second.time - first.time >= 30
-        assert calls("pgrep") == ["-x KR"] * 2 and machine.flag.exists()
+        launcher = launch_quickly(machine)
+        for number, text in enumerate(("0\n", "1\r\n", "\n1\n", " 1", "")):
+            machine.service.wait_for("KR_CAP", 2 * number + 3)
+            machine.flag.write_text(text)
 
-        machine.offer("2.6")
-        before = state(machine.companion)
+        # While the companion runs nothing is asked, though there is a newer one.
         pid = machine.start_companion()
-        until(lambda: len(calls("pgrep")) == 3, "the third probe")
+        probes = script().count("pgrep")
+        until(lambda: script().count("pgrep") > probes + 1, "a probe that sees the companion")
+        machine.offer("2.6")
+        asked, before, probes = len(machine.service.requests), state(machine.companion), script().count("pgrep")
+        until(lambda: script().count("pgrep") > probes + 3, "probes")
         machine.flag.write_text("1\n")
         own(machine.flag)
         assert launcher.wait(60) == 0
         assert not machine.flag.exists() and companions() == [pid]
-        assert len(machine.service.requests) == 4 and state(machine.companion) == before
+        assert len(machine.service.requests) == asked and state(machine.companion) == before
+        until(lambda: not processes("strace"), "the whole script")
+        begin = BEGIN + COMPANION + LAUNCHER
+        last = f"(sleep 1; ){{3}}({FLAG}(sleep 1; ){{5}}){{,5}}{FLAG}"
+        assert re.fullmatch(f"{begin}({CYCLE}({COMPANION})?)*{last}", script()), script()
+
+        # A flag that cannot be deleted ends the launcher all the same.
+        machine.flag.write_text("1")
+        machine.folder.chmod(0o555)
+        assert launch_quickly(machine).wait(60) == 0
+        assert machine.flag.exists()
+
+
+def test_start_waits_for_a_user_name_that_is_empty():
+    with Machine() as machine:
+        machine.offer("2.6")
+        launch_quickly(machine, environment=machine.environment | {"USER": ""})
+        until(lambda: script().count("sleep") > 9, "waiting")
+        assert re.fullmatch(f"{LOCKED}(sleep 1; )+", script()), script()
+        assert machine.service.order() == [] and not TRACE.exists()
 
 
 def test_outdated_launcher_ends_itself():
