@@ -1,6 +1,7 @@
-"""The measurements of script/bench, inside a sandbox: measure.py ROW [quick]. Writes JSON to standard output.
+"""The measurements of script/bench, inside a sandbox: measure.py MEASUREMENT [quick].
 
-Each row is a list of [what, unit, samples]; what is compared is interleaved, sample by sample.
+Writes a line for each sample as it is taken and at last, as JSON, the table: a list of rows with the fields of Row.
+What is compared is interleaved, sample by sample.
 """
 import collections
 import json
@@ -16,9 +17,13 @@ import time
 import machine as sandbox
 import service
 
+Row = collections.namedtuple("Row", "measurement case quantity subject unit samples")
+
 QUICK = "quick" in sys.argv
 DISK = pathlib.Path("/out/bench.tmp")  # a real disk, unlike the sandbox's own folders
+SYSTEM_PATH = "/usr/bin:/bin"  # with the system's own pgrep, rather than the sandbox's in front of it
 MiB = 1 << 20
+
 NGINX = """
 user root root; worker_processes 1; daemon off; pid /run/nginx.pid; error_log /dev/null;
 events {{}}
@@ -29,81 +34,135 @@ http {{
              root {root}; location / {{ try_files /payload =404; }} }}
 }}
 """
+MONIT = """
+set daemon 30
+set pidfile /tmp/monit.pid
+set statefile /tmp/monit.state
+set idfile /tmp/monit.id
+check process companion matching {companion}
+"""
+SUPERVISORD = """
+[supervisord]
+nodaemon=true
+logfile=/dev/null
+logfile_maxbytes=0
+pidfile=/tmp/supervisord.pid
+[program:companion]
+command=/usr/bin/sleep 100000
+"""
+QUIET = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 
 
-def timed(command, **options):
-    """Runs a command; returns its wall seconds, CPU seconds and peak memory in MiB, children included."""
+def tell(done, total, unit="samples"):
+    print(f"{done} of {total} {unit}", flush=True)
+
+
+# Downloads
+
+Cost = collections.namedtuple("Cost", "wall cpu memory")  # seconds, seconds, MiB
+
+
+def cost_of(command):
+    """Runs a command and returns what it took, children included."""
     # A process counts the memory of the one it was forked from as its own peak: "time" is small.
-    command = ["time", "-q", "-o", "/tmp/time", "-f", "%M", *command]
     begin = time.monotonic()
-    process = subprocess.Popen(command, stderr=subprocess.DEVNULL, **options)
+    process = subprocess.Popen(["time", "-q", "-o", "/tmp/time", "-f", "%M", *command], stderr=subprocess.DEVNULL)
     _, status, usage = os.wait4(process.pid, 0)
-    process.returncode = status
+    wall = time.monotonic() - begin
+    process.returncode = os.waitstatus_to_exitcode(status)
     if status:
-        sys.exit(f"{command} has failed: {status}")
-    return (
-        time.monotonic() - begin,
-        usage.ru_utime + usage.ru_stime,
-        int(pathlib.Path("/tmp/time").read_text()) / 1024,
-    )
+        sys.exit(f"{command} has failed: {process.returncode}")
+    kib = int(pathlib.Path("/tmp/time").read_text())
+    return Cost(wall, usage.ru_utime + usage.ru_stime, kib / 1024)
+
+
+def write_payload(size):
+    with open(DISK / "payload", "wb") as payload:
+        for _ in range(size):
+            payload.write(random.randbytes(MiB))
+    os.sync()
+
+
+def sample_download(name, command, target, size):
+    target.unlink(missing_ok=True)
+    os.sync()  # what the one before left behind is not this one's to write
+    cost = cost_of(command)
+    if target.stat().st_size != size * MiB:
+        sys.exit(f"{name}: an incomplete file")
+    return cost
+
+
+def nginx_is_up():
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", 443)) == 0
 
 
 def download():
-    """Ours, the bare curl command, and the command that keeps the same promise."""
-    DISK.mkdir()
-    sandbox.make_certificates()
-    (sandbox.TLS / "nginx.conf").write_text(NGINX.format(tls=sandbox.TLS, root=DISK))
-    url = f"https://{sandbox.HOST}{service.DOWNLOAD_PATH}KR"
+    """Ours, the bare curl command, and the command that keeps the same promise, for files of several sizes in MiB."""
+    rounds_of_size = {8: 3, 16: 3} if QUICK else {64: 15, 256: 9, 1024: 7}
     target = DISK / "KR"
+    url = f"https://{sandbox.HOST}{service.DOWNLOAD_PATH}KR"
+    durable = (
+        f"curl -sS -o {target}.new '{url}' && sync {target}.new && chmod 755 {target}.new && mv {target}.new {target}"
+    )
     contenders = {
         "launcher": ["/build/bench/bench_download", str(target)],
         "curl": ["curl", "-sS", "-o", str(target), url],
-        "curl, sync, mv": [
-            "sh",
-            "-c",
-            f"curl -sS -o {target}.new '{url}' && sync {target}.new && chmod 755 {target}.new &&"
-            f" mv {target}.new {target}",
-        ],
+        "curl, sync, mv": ["sh", "-c", durable],
     }
+    DISK.mkdir()
+    sandbox.make_certificates()
+    (sandbox.TLS / "nginx.conf").write_text(NGINX.format(tls=sandbox.TLS, root=DISK))
     rows = []
+    done = 0
     with sandbox.Processes() as processes:
         processes.start(["nginx", "-c", str(sandbox.TLS / "nginx.conf")], user=None)
-        sandbox.until(lambda: socket.socket().connect_ex(("127.0.0.1", 443)) == 0, "nginx is up")
-        for size in (8, 16) if QUICK else (64, 256, 1024):
-            with open(DISK / "payload", "wb") as payload:
-                for _ in range(size):
-                    payload.write(random.randbytes(MiB))
-            os.sync()
-            samples = {name: [] for name in contenders}
-            for _ in range(3 if QUICK else {64: 15, 256: 9, 1024: 7}[size]):
+        sandbox.until(nginx_is_up, "nginx is up")
+        for size, rounds in rounds_of_size.items():
+            write_payload(size)
+            costs = {name: [] for name in contenders}
+            for _ in range(rounds):
                 for name, command in contenders.items():
-                    target.unlink(missing_ok=True)
-                    os.sync()  # what the one before left behind is not this one's to write
-                    samples[name].append(timed(command))
-                    if target.stat().st_size != size * MiB:
-                        sys.exit(f"{name}: an incomplete file")
-            for name, taken in samples.items():
-                for index, (measure, unit) in enumerate((("wall", "s"), ("CPU", "s"), ("peak memory", "MiB"))):
-                    rows.append([f"download {size} MiB, {measure}: {name}", unit, [sample[index] for sample in taken]])
+                    costs[name].append(sample_download(name, command, target, size))
+                    done += 1
+                    tell(done, sum(rounds_of_size.values()) * len(contenders))
+            for name, taken in costs.items():
+                case = f"{size} MiB"
+                rows.append(Row("download", case, "wall time", name, "s", [cost.wall for cost in taken]))
+                rows.append(Row("download", case, "CPU time", name, "s", [cost.cpu for cost in taken]))
+                rows.append(Row("download", case, "peak memory", name, "MiB", [cost.memory for cost in taken]))
     return rows
 
 
-def cpu_seconds(pid):
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    return sum(map(int, fields[11:15])) / os.sysconf("SC_CLK_TCK")
+# Idling
 
 
-def cpu_precise(pid):
-    """Nanosecond CPU time of the process's own threads (schedstat), in seconds."""
-    return (
-        sum(int((task / "schedstat").read_text().split()[0]) for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
-        / 1e9
-    )
+def thread_files(pid, name):
+    """The content of this file in /proc for each thread of the process."""
+    return [(task / name).read_text() for task in pathlib.Path(f"/proc/{pid}/task").iterdir()]
 
 
-def wakeups(pid):
-    text = "".join((task / "status").read_text() for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
-    return sum(int(line.split()[1]) for line in text.splitlines() if "ctxt_switches" in line)
+def own_cpu_ms(pid):
+    """CPU time of the process's own threads, to the nanosecond."""
+    return sum(int(text.split()[0]) for text in thread_files(pid, "schedstat")) / 1e6
+
+
+def cpu_with_children_ms(pid):
+    """CPU time of the process and the children it has waited for, in steps of a clock tick."""
+    after_name = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return sum(int(ticks) for ticks in after_name[11:15]) / os.sysconf("SC_CLK_TCK") * 1000
+
+
+def context_switches(pid):
+    lines = "".join(thread_files(pid, "status")).splitlines()
+    return sum(int(line.split()[1]) for line in lines if "ctxt_switches" in line)
+
+
+Usage = collections.namedtuple("Usage", "own_cpu_ms cpu_with_children_ms wakeups")
+
+
+def usage_of(process):
+    return Usage(own_cpu_ms(process.pid), cpu_with_children_ms(process.pid), context_switches(process.pid))
 
 
 def private_mib(pid):
@@ -118,65 +177,87 @@ def private_mib(pid):
     return memory
 
 
+def write_for_alice(path, text):
+    path.write_text(text)
+    path.chmod(0o600)
+    sandbox.own(path)
+
+
+def start_supervisors(machine):
+    """The launcher and what is compared with it, all supervising a companion that runs (the floor nothing at all)."""
+    monit = pathlib.Path("/tmp/monitrc")
+    supervisord = pathlib.Path("/tmp/supervisord.conf")
+    write_for_alice(monit, MONIT.format(companion=machine.companion))
+    write_for_alice(supervisord, SUPERVISORD)
+    others = {
+        "toolkit floor": ["/build/bench/bench_floor"],
+        "monit": ["monit", "-I", "-c", str(monit)],
+        "supervisord": ["supervisord", "-c", str(supervisord)],
+    }
+    running = {"launcher": machine.launch(environment=machine.environment | {"PATH": SYSTEM_PATH})}
+    for name, command in others.items():
+        running[name] = machine.start(command, env=machine.environment, **QUIET)
+    return running
+
+
 def idle():
-    """All at once for ten minutes, side by side: the launcher supervising a companion that runs, and the others."""
+    """All at once for ten minutes, side by side."""
     seconds = 20 if QUICK else 600
+    step = 5
+    case = f"{seconds} s"
     with sandbox.Machine() as machine:
         machine.offer("2.5")
         companion = machine.start_companion()
-        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-        pathlib.Path("/tmp/monitrc").write_text(
-            f"set daemon 30\nset pidfile /tmp/monit.pid\nset statefile /tmp/monit.state\nset idfile /tmp/monit.id\n"
-            f"check process companion matching {machine.companion}\n"
-        )
-        os.chmod("/tmp/monitrc", 0o600)
-        os.chown("/tmp/monitrc", sandbox.UID, sandbox.UID)
-        pathlib.Path("/tmp/supervisord.conf").write_text(
-            "[supervisord]\nnodaemon=true\nlogfile=/dev/null\nlogfile_maxbytes=0\npidfile=/tmp/supervisord.pid\n"
-            "[program:companion]\ncommand=/usr/bin/sleep 100000\n"
-        )
-        running = {
-            "launcher": machine.launch(),
-            "toolkit floor": machine.start(["/build/bench/bench_floor"], env=machine.environment, **quiet),
-            "monit": machine.start(["monit", "-I", "-c", "/tmp/monitrc"], env=machine.environment, **quiet),
-            "supervisord": machine.start(
-                ["supervisord", "-c", "/tmp/supervisord.conf"], env=machine.environment, **quiet
-            ),
-        }
+        running = start_supervisors(machine)
         sandbox.until(sandbox.AGENT.exists, "start-up is complete")
         time.sleep(5)
-        before = {
-            name: (cpu_seconds(process.pid), cpu_precise(process.pid), wakeups(process.pid))
-            for name, process in running.items()
-        }
-        time.sleep(seconds)
+        before = {name: usage_of(process) for name, process in running.items()}
+        for gone in range(0, seconds, step):
+            tell(gone, seconds, "s")
+            time.sleep(step)
         rows = []
         for name, process in running.items():
-            own = cpu_precise(process.pid) - before[name][1]
-            total = cpu_seconds(process.pid) - before[name][0]
-            rows.append([f"idle, CPU of its own in {seconds} s: {name}", "ms", [own * 1000]])
-            rows.append([f"idle, CPU with children in {seconds} s: {name}", "ms", [max(own, total) * 1000]])
-            rows.append(
-                [f"idle, wake-ups a minute: {name}", "", [(wakeups(process.pid) - before[name][2]) * 60 / seconds]]
-            )
-            rows.append([f"idle, private memory: {name}", "MiB", [private_mib(process.pid).total()]])
-        floor, launcher = private_mib(running["toolkit floor"].pid), private_mib(running["launcher"].pid)
+            now = usage_of(process)
+            own = now.own_cpu_ms - before[name].own_cpu_ms
+            # Clock ticks are coarse: the whole is never less than its finely counted part.
+            whole = max(own, now.cpu_with_children_ms - before[name].cpu_with_children_ms)
+            wakeups = (now.wakeups - before[name].wakeups) * 60 / seconds
+            memory = private_mib(process.pid).total()
+            rows.append(Row("idle", case, "CPU of its own", name, "ms", [own]))
+            rows.append(Row("idle", case, "CPU with children", name, "ms", [whole]))
+            rows.append(Row("idle", case, "wake-ups", name, "/min", [wakeups]))
+            rows.append(Row("idle", case, "private memory", name, "MiB", [memory]))
+        floor = private_mib(running["toolkit floor"].pid)
+        launcher = private_mib(running["launcher"].pid)
+        libraries = sum(size for name, size in launcher.items() if ".so" in name and name not in floor)
         rows.append(
-            [
-                "idle, private memory: launcher, in libraries that the floor does not load",
-                "MiB",
-                [sum(size for name, size in launcher.items() if ".so" in name and name not in floor)],
-            ]
+            Row("idle", case, "private memory in libraries that the floor lacks", "launcher", "MiB", [libraries])
         )
         if companion not in sandbox.companions():
             sys.exit("the companion should have run all the time")
         return rows
 
 
+# Starting
+
+
 def start():
     """From exec to the first version request, less the mandated 2 s; the floor's from exec to the end of its OnInit."""
-    samples = {"launcher": [], "toolkit floor": [], "floor with libcurl": []}
     listener = socket.create_server(("127.0.0.1", 443))
+
+    def first_request(_):
+        listener.accept()[0].close()
+
+    def first_byte(process):
+        process.stdout.read(1)
+
+    contenders = {
+        "launcher": ("/build/stage/Korvane.app/Contents/MacOS/Korvane", first_request, 2),
+        "toolkit floor": ("/build/bench/bench_floor", first_byte, 0),
+        "floor with libcurl": ("/build/bench/bench_floor_curl", first_byte, 0),
+    }
+    samples = {name: [] for name in contenders}
+    rounds = 4 if QUICK else 31
     with sandbox.Processes() as processes:
         sandbox.HOME.mkdir(exist_ok=True)
         sandbox.own(sandbox.HOME)
@@ -187,56 +268,67 @@ def start():
             "USER": sandbox.USER,
             "FLOOR_REPORTS": "1",
         }
+        for done in range(rounds):
+            for name, (program, wait_until_up, mandated_seconds) in contenders.items():
+                begin = time.monotonic()
+                process = processes.start([program], env=environment, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+                wait_until_up(process)
+                samples[name].append((time.monotonic() - begin - mandated_seconds) * 1000)
+                sandbox.end(process)
+            tell(done + 1, rounds, "rounds")
+    return [Row("start", "", "wall time", name, "ms", taken) for name, taken in samples.items()]
 
-        def sample(name, program, event, mandated=0.0):
-            begin = time.monotonic()
-            process = processes.start([program], env=environment, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-            event(process)
-            samples[name].append((time.monotonic() - begin - mandated) * 1000)
-            sandbox.end(process)
 
-        for _ in range(4 if QUICK else 31):
-            sample(
-                "launcher", "/build/stage/Korvane.app/Contents/MacOS/Korvane", lambda _: listener.accept()[0].close(), 2
-            )
-            sample("toolkit floor", "/build/bench/bench_floor", lambda process: process.stdout.read(1))
-            sample("floor with libcurl", "/build/bench/bench_floor_curl", lambda process: process.stdout.read(1))
-    return [[f"start: {name}", "ms", taken] for name, taken in samples.items()]
+# Probing
+
+
+def probe_ms(*how):
+    """What five probes take, each on its own; how: see bench/probe.cpp."""
+    output = subprocess.run(["/build/bench/bench_probe", "5", *how], check=True, capture_output=True, text=True).stdout
+    return [int(nanoseconds) / 1e6 for nanoseconds in output.split()]
+
+
+def children_cpu_ms():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return (usage.ru_utime + usage.ru_stime) * 1000
 
 
 def probe():
     """KR_TitleCheck, pgrep started without a shell, and a shell that does nothing, among many processes."""
+    os.environ["PATH"] = SYSTEM_PATH
+    contenders = {"KR_TitleCheck": [], "pgrep -x": ["raw"], "empty shell": ["shell"]}
+    numbers = (50, 200) if QUICK else (50, 500, 2000)
+    rounds = 3 if QUICK else 20
     rows = []
+    done = 0
     with sandbox.Processes() as processes:
         sleeping = 0
-        for number in (50, 200) if QUICK else (50, 500, 2000):
+        for number in numbers:
             while sleeping < number:
                 processes.start(["sleep", "100000"])
                 sleeping += 1
-            samples = {"KR_TitleCheck": [], "pgrep -x": [], "empty shell": []}
-            for _ in range(3 if QUICK else 20):
-                for name, command in (
-                    ("KR_TitleCheck", ["5"]),
-                    ("pgrep -x", ["5", "raw"]),
-                    ("empty shell", ["5", "shell"]),
-                ):
-                    output = subprocess.run(
-                        ["/build/bench/bench_probe", *command], check=True, capture_output=True, text=True
-                    )
-                    samples[name] += [int(line) / 1e6 for line in output.stdout.split()]
-            rows += [[f"probe among {number} processes: {name}", "ms", taken] for name, taken in samples.items()]
+            case = f"{number} processes"
+            samples = {name: [] for name in contenders}
+            for _ in range(rounds):
+                for name, how in contenders.items():
+                    samples[name] += probe_ms(*how)
+                done += 1
+                tell(done, rounds * len(numbers), "rounds")
+            rows += [Row("probe", case, "wall time", name, "ms", taken) for name, taken in samples.items()]
         taken = []
         for _ in range(10 if QUICK else 50):
-            before = resource.getrusage(resource.RUSAGE_CHILDREN)
+            before = children_cpu_ms()
             subprocess.run(["sh", "-c", "pgrep -x KR"])
-            after = resource.getrusage(resource.RUSAGE_CHILDREN)
-            taken.append((after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime) * 1000)
-        rows.append([f"CPU of one pgrep started from a shell, among {sleeping} processes", "ms", taken])
+            taken.append(children_cpu_ms() - before)
+        rows.append(Row("probe", case, "CPU time", "pgrep from a shell", "ms", taken))
     return rows
 
 
+# Reacting
+
+
 def reaction():
-    """From the companion's death to the first request, and from the flag file to the launcher's end."""
+    """From the companion's death to the first request, and from the flag file to the launcher's end: one of each."""
     with sandbox.Machine() as machine:
         machine.offer("2.5")
         pid = machine.start_companion()
@@ -247,16 +339,18 @@ def reaction():
         os.kill(pid, 9)
         asked = machine.service.wait_for("KR_CAP", 2)[1].time
         time.sleep(random.uniform(0, 5))
-        begin = time.monotonic()
+        flagged = time.monotonic()
         machine.flag.write_text("1\n")
         sandbox.own(machine.flag)
         launcher.wait(60)
-        return [
-            ["reaction, from the companion's death to the first request", "s", [asked - died]],
-            ["reaction, from the flag file to the end of the process", "s", [time.monotonic() - begin]],
-        ]
+        ended = time.monotonic()
+    return [
+        Row("reaction", "", "companion's death to the first request", "launcher", "s", [asked - died]),
+        Row("reaction", "", "flag file to the end of the process", "launcher", "s", [ended - flagged]),
+    ]
 
+
+MEASUREMENTS = {"download": download, "idle": idle, "start": start, "probe": probe, "reaction": reaction}
 
 if __name__ == "__main__":
-    rows = {"download": download, "idle": idle, "start": start, "probe": probe, "reaction": reaction}[sys.argv[1]]()
-    print(json.dumps(rows))
+    print(json.dumps(MEASUREMENTS[sys.argv[1]]()))
