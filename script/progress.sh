@@ -19,8 +19,8 @@ progress_done() {
     [ ! -t 2 ] || printf '\r\033[K' >&2
 }
 
-# watched WHAT LOG COMMAND...: runs a command with its output added to LOG; its latest line shows how far it is. Its exit
-# status is the command's, given that the caller has set pipefail.
+# watched WHAT LOG COMMAND...: runs a command with its output added to LOG; its latest line shows how far it is. Returns
+# the command's exit status, given that the caller has set pipefail.
 watched() {
     local status=0 line
     "${@:3}" 2>&1 | while IFS= read -r line; do
