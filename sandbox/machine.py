@@ -193,8 +193,8 @@ class Machine(Processes):
 def lay_tools():
     """Makes /tmp/tools the only tools that a launcher on TOOLS_PATH finds; each call of one is noted in CALLS."""
     TOOLS.mkdir(exist_ok=True)
-    for name, program in (("open", "/build/compat/open"), ("pgrep", "/usr/bin/pgrep"), ("pkill", "/usr/bin/pkill")):
-        lay_tool(name, f'exec {program} "$@"')
+    for name in ("open", "pgrep", "pkill"):
+        lay_tool(name, f'exec /build/compat/{name} "$@"')
     CALLS.write_text("")
     CALLS.chmod(0o666)
 
