@@ -15,6 +15,7 @@ import time
 
 PATH = "/korvane/korvane/projectMenu/self/shared/"
 VERSION_PATH = PATH + "GetVersion_SrvAsync"
+MOVED_PATH = "/moved"
 DOWNLOAD_PATH = PATH + "FileDownloader_SrvAsync?p=download+Setup&u=BLANK&f="
 
 Request = collections.namedtuple("Request", "time what method path body headers")
@@ -120,7 +121,9 @@ class _Handler(http.server.BaseHTTPRequestHandler):
     def answer(self, kind, what, body, content):
         self.service.note(Request(time.monotonic(), what, self.command, self.path, body, dict(self.headers)))
         fault = self.service.faults.get(kind)
-        if fault:
+        if self.path == MOVED_PATH:
+            self.send(200, self.service.moved)
+        elif fault:
             self.close_connection = True
             fault(self, content)
         elif self.path in (VERSION_PATH, DOWNLOAD_PATH + "KR"):
@@ -154,9 +157,10 @@ def body(text):
     return lambda handler, content: handler.send(200, text)
 
 
-def redirect(handler, _):
-    """A redirect to where a good answer would be."""
-    handler.send(302, b"", Location=handler.path)
+def redirect(handler, content):
+    """A redirect to an address where the good answer is."""
+    handler.service.moved = content
+    handler.send(302, b"", Location=MOVED_PATH)
 
 
 def page(handler, _):

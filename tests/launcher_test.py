@@ -15,6 +15,7 @@ from machine import (
     AGENT,
     HOME,
     LOCK,
+    SCRIPT,
     TRACE,
     Machine,
     companion_program,
@@ -36,10 +37,7 @@ AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
 </dict></plist>
 """
 
-SCRIPT = pathlib.Path("/tmp/script")
-# Starts a command whose sleeps return at once. SCRIPT tells them, and what else the command does.
-QUICKLY = "strace -D -f --seccomp-bpf -qq -s 999 -o /tmp/script -e inject=clock_nanosleep:retval=0".split()
-QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve"]
+# The lines of SCRIPT that count, and what they are called here.
 STEPS = {
     r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
     r"connect\(.*htons\(443\)": "ask",
@@ -48,14 +46,8 @@ STEPS = {
 }
 
 
-def launch_quickly(machine, *command, **options):
-    SCRIPT.write_text("")
-    SCRIPT.chmod(0o666)
-    return machine.launch(command=[*QUICKLY, *(command or [machine.launcher_path])], **options)
-
-
 def script():
-    """What a launcher started QUICKLY has done so far, step by step."""
+    """What a launcher launched quickly has done so far, step by step."""
     steps = []
     for line in SCRIPT.read_text(errors="replace").splitlines():
         for pattern, step in STEPS.items():
@@ -83,7 +75,7 @@ def test_newer_companion_is_stopped_replaced_and_started():
     with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
         machine.offer("2.6.0.0", payload=payload)
         old = machine.start_companion()
-        launcher = launch_quickly(machine)
+        launcher = machine.launch(quickly=True)
         machine.service.wait_for("Korvane_CAP")
         assert [(r.what, r.method, r.path, r.body) for r in machine.service.requests] == [
             ("KR_CAP", "POST", faults.VERSION_PATH, "app=KR_CAP"),
@@ -149,7 +141,7 @@ def test_every_way_to_start_finds_the_folder():
         # The environment that launchd gives, and a display.
         bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
         for path, raw in ways:
-            process = launch_quickly(machine, path, "one argument", "-x", environment=bare, cwd=folder)
+            process = machine.launch(command=[path, "one argument", "-x"], quickly=True, environment=bare, cwd=folder)
             until(AGENT.exists, "start-up is complete")
             assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
             assert AGENT.read_text() == AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
@@ -170,7 +162,7 @@ def test_every_way_to_start_finds_the_folder():
 def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
     with Machine() as machine:
         machine.offer("2.5")
-        launcher = launch_quickly(machine)
+        launcher = machine.launch(quickly=True)
         for number, text in enumerate(("0\n", "1\r\n", "\n1\n", " 1", "")):
             machine.service.wait_for("KR_CAP", 2 * number + 3)
             machine.flag.write_text(text)
@@ -195,14 +187,14 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
         # A flag that cannot be deleted ends the launcher all the same.
         machine.flag.write_text("1")
         machine.folder.chmod(0o555)
-        assert launch_quickly(machine).wait(60) == 0
+        assert machine.launch(quickly=True).wait(60) == 0
         assert machine.flag.exists()
 
 
 def test_start_waits_for_a_user_name_that_is_empty():
     with Machine() as machine:
         machine.offer("2.6")
-        launch_quickly(machine, environment=machine.environment | {"USER": ""})
+        machine.launch(quickly=True, environment=machine.environment | {"USER": ""})
         until(lambda: script().count("sleep") > 9, "waiting")
         assert re.fullmatch(f"{LOCKED}(sleep 1; )+", script()), script()
         assert machine.service.order() == [] and not TRACE.exists()
