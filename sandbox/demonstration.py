@@ -47,8 +47,8 @@ def update(machine):
         f"companion {machine.installed} runs: process {pid}, {machine.companion.stat().st_size} bytes; "
         "the service offers 2.6"
     )
-    launcher = machine.launch()
-    say(f"launcher started: process {launcher.pid}")
+    launcher = machine.launch(machine.login_item)
+    say(f"log-in: {machine.login_item.name} in the install folder starts the launcher, process {launcher.pid}")
     machine.service.wait_for("KR_CAP")
     say("the launcher has asked for the companion's version and was told 2.6; it stops the companion and waits 2 s")
     machine.service.wait_for("download")
@@ -89,8 +89,8 @@ def quit_by_hand(machine, launcher, pid):
 def outdated(machine):
     machine.offer("2.5", launcher="2.6")
     sandbox.AGENT.unlink()
-    launcher = machine.launch()
-    say(f"second part: launcher {machine.installed} started, process {launcher.pid}; the service reports launcher 2.6")
+    launcher = machine.launch(machine.login_item)
+    say(f"next log-in: launcher {machine.installed} starts, process {launcher.pid}; the service reports launcher 2.6")
     status = launcher.wait(60)
     expect(status == 255 and not sandbox.AGENT.exists(), f"an outdated launcher should end with 255, not {status}")
     say("the outdated launcher has ended itself, status 255, and has not registered for the next log-in")
