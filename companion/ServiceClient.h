@@ -13,8 +13,8 @@
 AppVersion parseServiceAnswer(const std::string &answer);
 
 // Asks for the current version of the application with this code ("KR_CAP" or "Korvane_CAP") and reads the answer,
-// whatever the HTTP status. Returns the all-zero
-// version when the exchange fails in any way. Takes at most 30 s (15 s of them to connect) and 64 KiB of answer.
+// whatever the HTTP status. Returns the all-zero version when the exchange fails in any way. Takes at most 30 s (15 s
+// of them to connect) and 64 KiB of answer.
 AppVersion getServiceVersion(const std::string &applicationCode);
 
 // Downloads the file of this name over the file at target (a full path). On success the target holds exactly the bytes

@@ -1,9 +1,9 @@
 """The fault campaign, inside a sandbox: a table of faults, and the promises that hold after every round.
 
-    campaign.py SEED ROUNDS WORKER WORKERS CYCLES
+    campaign.py SEED ROUNDS WORKER WORKERS CYCLES [FAULT]
 
-Plays this worker's share of ROUNDS rounds of every fault, then CYCLES supervision cycles in one launcher, and writes a
-line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
+Plays this worker's share of ROUNDS rounds of every fault or of one, then CYCLES supervision cycles in one launcher,
+and writes a line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
 """
 import contextlib
 import hashlib
@@ -409,8 +409,8 @@ def supervise(machine, rng, cycles):
 
 
 def main():
-    seed, rounds, worker, workers, cycles = map(int, sys.argv[1:])
-    plan = [fault for fault in FAULTS for _ in range(rounds)]
+    seed, rounds, worker, workers, cycles = map(int, sys.argv[1:6])
+    plan = [fault for fault in sys.argv[6:] or FAULTS for _ in range(rounds)]
     random.Random(seed).shuffle(plan)
     with Machine() as machine:
         number, fault = None, None

@@ -5,11 +5,11 @@
 
 #include <wx/weakref.h>
 
-wxBEGIN_EVENT_TABLE(KorvaneTrayIcon, wxTaskBarIcon) EVT_TASKBAR_LEFT_DOWN(KorvaneTrayIcon::OnLeftClick)
-    wxEND_EVENT_TABLE()
+wxBEGIN_EVENT_TABLE(KorvaneTrayIcon, wxTaskBarIcon)
+    EVT_TASKBAR_LEFT_DOWN(KorvaneTrayIcon::OnLeftClick)
+wxEND_EVENT_TABLE()
 
-        KorvaneTrayIcon::KorvaneTrayIcon(LoginDialog *dialog)
-    : wxTaskBarIcon(wxTBI_CUSTOM_STATUSITEM), m_dialog(dialog) {
+KorvaneTrayIcon::KorvaneTrayIcon(LoginDialog *dialog) : wxTaskBarIcon(wxTBI_CUSTOM_STATUSITEM), m_dialog(dialog) {
     // Undone by the toolkit if the icon goes first: it tracks the handlers that events are bound to.
     m_dialog->Bind(wxEVT_DESTROY, &KorvaneTrayIcon::OnWindowDestroyed, this);
 }
