@@ -21,10 +21,11 @@ void deleteFlagFile() {
     }
 }
 
-// The event loop belongs to the main thread, which runs the deferred call.
+// The event loop belongs to the main thread, which runs the deferred call. A process that is ending already may have no
+// application any more.
 void askMainLoopToEnd() {
-    wxAppConsole *app = wxAppConsole::GetInstance();
-    app->CallAfter([app] { app->ExitMainLoop(); });
+    if (wxAppConsole *app = wxAppConsole::GetInstance())
+        app->CallAfter([app] { app->ExitMainLoop(); });
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
     launcher_test.py NAME
 """
+import fcntl
 import pathlib
 import plistlib
 import re
@@ -9,6 +10,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import threading
 
 import service as faults
 from machine import (
@@ -206,9 +208,12 @@ def test_outdated_launcher_ends_itself():
         assert machine.launch().wait(60) == 255
         assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] and not AGENT.exists()
 
-        # Inside a running event loop wxExit returns: the loop ends, and nothing more is started.
+        # Inside a running event loop wxExit returns: the window is told, the loop ends, and nothing more is started.
         use_in_loop(machine)
-        assert machine.launch().wait(60) == 0
+        launcher = machine.launch(command=[str(machine.launcher_path), "window"])
+        assert launcher.wait(60) == 0
+        told = [line for line in launcher.trace.read_text().splitlines() if line in ("wxExit", "told to close")]
+        assert told == ["wxExit", "told to close"], told
         assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] * 2 and not AGENT.exists()
 
 
@@ -233,48 +238,70 @@ def use_in_loop(machine):
     shutil.copy("/build/tests/in_loop", machine.launcher_path)
 
 
-def end(thread, how, status):
-    """Brings the supervision thread into a state and ends the process under it."""
+def end(how, status):
+    """Ends the process in each state of the supervision thread, which then goes on until it is in the middle of a
+    download without end: nothing waits for it, and all that it uses is still there when all else is torn down."""
+    with Machine() as machine, open("/tmp/held", "w") as held:
+        use_in_loop(machine)
+        before = state(machine.companion)
+        for thread, sleep in (("sleeps", "1"), ("pauses", "2"), ("shakes hands", "0"), ("downloads", "0")):
+            machine.service.requests.clear()
+            machine.service.faults.clear()
+            machine.offer("2.5")
+            fcntl.flock(held, fcntl.LOCK_EX)
+            launcher = machine.launch(environment=machine.environment | {"KORVANE_SLEEP": sleep})
+            machine.service.wait_for("Korvane_CAP")
+            until(AGENT.exists, "start-up is complete")
+            AGENT.unlink()
+
+            def reaches(condition, what):
+                until(lambda: condition() or launcher.poll() is not None, f"{thread}: {what}")
+                assert launcher.poll() is None, f"{thread}: ended with {launcher.poll()} before: {what}"
+
+            def says(what):
+                reaches(lambda: what in launcher.trace.read_text(errors="replace"), what)
+
+            def staged():
+                return sum(path.stat().st_size for path in machine.companion.parent.glob("*.download.*"))
+
+            shakes, answer = threading.Event(), threading.Event()
+            if thread == "shakes hands":
+                machine.service.faults["connect"] = lambda *_: (shakes.set(), answer.wait(60))
+            machine.service.faults["download"] = faults.endless
+            machine.offer("2.6")
+            if thread == "shakes hands":
+                reaches(shakes.is_set, "a handshake")
+            elif thread == "downloads":
+                reaches(staged, "bytes")
+            else:
+                says("asleep")
+            launcher.send_signal(how)
+            says("torn down")
+            answer.set()
+            enough = staged() + 1_000_000
+            reaches(lambda: staged() > enough, "more bytes")
+            fcntl.flock(held, fcntl.LOCK_UN)
+            assert launcher.wait(60) == status, f"{thread}: {launcher.returncode}"
+            assert state(machine.companion) == before
+            for left in machine.companion.parent.glob("*.download.*"):
+                left.unlink()
+
+
+def test_end_of_the_loop():
+    end(signal.SIGUSR1, 0)
+
+
+def test_end_by_exit():
+    end(signal.SIGUSR2, 7)
+
+
+def test_end_with_the_display():
     with Machine() as machine:
         machine.offer("2.5")
-        machine.service.faults["download"] = faults.endless
-        if how != "display":
-            use_in_loop(machine)
         launcher = machine.launch()
-        machine.service.wait_for("Korvane_CAP")
         until(AGENT.exists, "start-up is complete")
-        machine.offer("2.6")
-        before = state(machine.companion)
-        if thread != "sleeps":
-            machine.service.wait_for("KR_CAP", 2)
-        if thread == "downloads":
-            until(
-                lambda: any(path.stat().st_size for path in machine.companion.parent.glob("*.download.*")), "bytes come"
-            )
-        machine.display_process.kill() if how == "display" else launcher.send_signal(how)
-        # A launcher that waits for its thread would hang in the endless download.
-        assert launcher.wait(30) == status, launcher.returncode
-        assert state(machine.companion) == before
-
-
-def test_end_with_the_display_while_sleeping():
-    end("sleeps", "display", 1)
-
-
-def test_end_with_the_display_while_downloading():
-    end("downloads", "display", 1)
-
-
-def test_end_of_the_loop_while_pausing():
-    end("pauses", signal.SIGUSR1, 0)
-
-
-def test_end_of_the_loop_while_downloading():
-    end("downloads", signal.SIGUSR1, 0)
-
-
-def test_end_by_exit_while_downloading():
-    end("downloads", signal.SIGUSR2, 7)
+        machine.display_process.kill()
+        assert launcher.wait(60) == 1
 
 
 if __name__ == "__main__":

@@ -1,19 +1,54 @@
-// The operating system's side: files, processes, the login item. Runs as an ordinary user on a throwaway machine.
+// The operating system's side: files, processes, the login item, queries. Runs as an ordinary user on a throwaway
+// machine with a display, real processes and real threads.
+#include "LiveObjects.h"
+#include "app/Globals.h"
 #include "app/UserName.h"
+#include "platform/FirstLine.h"
 #include "platform/Platform.h"
 #include "supervise/CompanionProcess.h"
+#include "supervise/ManualExitFlag.h"
+#include "supervise/Supervision.h"
 
+#include <IOKit/IOKitLib.h>
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
-#include <mach-o/dyld.h>
 #include <optional>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+const fs::path folder = fs::current_path(); // the user's home, empty but for settings
+
+bool g_propertiesFail = false;
+bool g_numbersAreOther = false; // values of another type, whatever they hold
+
+} // namespace
+
+// Put in the place of the layer's own functions by the linker (--wrap, ld(1)).
+extern "C" {
+CFTypeID __real_CFGetTypeID(CFTypeRef);
+kern_return_t __real_IORegistryEntryCreateCFProperties(io_registry_entry_t, CFMutableDictionaryRef *, CFAllocatorRef,
+                                                       IOOptionBits);
+
+CFTypeID __wrap_CFGetTypeID(CFTypeRef object) {
+    return g_numbersAreOther ? CFNumberGetTypeID() + 1 : __real_CFGetTypeID(object);
+}
+
+kern_return_t __wrap_IORegistryEntryCreateCFProperties(io_registry_entry_t entry, CFMutableDictionaryRef *properties,
+                                                       CFAllocatorRef allocator, IOOptionBits options) {
+    return g_propertiesFail ? KERN_FAILURE
+                            : __real_IORegistryEntryCreateCFProperties(entry, properties, allocator, options);
+}
+}
 
 namespace {
 
@@ -26,66 +61,68 @@ std::string read(const fs::path &path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void setVariable(const char *name, const std::optional<std::string> &value) {
-    if (value)
-        setenv(name, value->c_str(), 1);
-    else
-        unsetenv(name);
+using Value = std::optional<std::string>;
+
+void setVariable(const char *name, const Value &value) {
+    value ? setenv(name, value->c_str(), 1) : unsetenv(name);
 }
 
-// A fresh folder for each test.
-class System : public testing::Test {
-  protected:
-    System() : folder("/tmp/system_test") {
-        fs::remove_all(folder);
-        fs::create_directories(folder);
-    }
-    fs::path folder;
-};
-
-TEST_F(System, UserNameComesFromTheFirstVariableThatIsSet) {
-    const struct {
-        std::optional<std::string> user, logname;
-        std::string name;
-    } table[] = {{"alice", "bob", "alice"}, {std::nullopt, "bob", "bob"}, {std::nullopt, std::nullopt, "unknown"},
-                 {"", "bob", ""},           {std::nullopt, "", ""},       {" a b ", std::nullopt, " a b "}};
+TEST(System, UserIsTheFirstVariableThatIsSet) {
+    const std::tuple<Value, Value, std::string> table[] = {
+        {"alice", "bob", "alice"}, {std::nullopt, "bob", "bob"}, {std::nullopt, std::nullopt, "unknown"},
+        {"", "bob", ""},           {std::nullopt, "", ""},       {" a b ", std::nullopt, " a b "}};
     for (const auto &[user, logname, name] : table) {
         setVariable("USER", user);
         setVariable("LOGNAME", logname);
         EXPECT_EQ(getOSUsername(), name);
     }
+    filepath = folder.string() + "/";
+    uname_windows = "";
+    setVariable("USER", "alice");
+    write(folder / "alice_ManualExit.txt", "1\nmore");
+    EXPECT_EQ(readExitCheck(), "1");
+    EXPECT_EQ(uname_windows, "alice");
+    KR_Status(1); // obeys the flag also when there is no application any more
+    EXPECT_FALSE(fs::exists(folder / "alice_ManualExit.txt"));
 }
 
-TEST_F(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
+TEST(System, LongLinesAreCutAndCostNoMemory) {
+    const fs::path file = folder / "line";
+    constexpr std::size_t kBound = 65536;
+    for (const std::size_t length : {kBound - 1, kBound, kBound + 1}) {
+        write(file, std::string(length, 'x') + "\nmore");
+        EXPECT_EQ(readFirstLine(file), std::string(std::min(length, kBound), 'x'));
+    }
+    write(file, "");
+    fs::resize_file(file, 256 << 20);
+    rusage before = {};
+    rusage after = {};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(readFirstLine(file), std::string(kBound, '\0'));
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 << 10); // KiB
+}
+
+TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     const fs::path trace = "/tmp/korvane_debug.txt";
     const fs::path self = fs::read_symlink("/proc/self/exe");
-    const std::string lines = "ret: 0\nraw path: " + self.string() + "\nsize: 4096\n";
-    for (int call = 0; call < 2; ++call) {
-        EXPECT_EQ(getExecutablePath(), self);
-        EXPECT_EQ(read(trace), lines);
-    }
+    write(trace, std::string(9999, 'x'));
+    EXPECT_EQ(getExecutablePath(), self);
+    EXPECT_EQ(read(trace), "ret: 0\nraw path: " + self.string() + "\nsize: 4096\n");
 
-    const fs::path precious = folder / "precious";
+    const fs::path precious = "/tmp/precious"; // a hard link does not leave its file system
     write(precious, "content");
-    const std::function<void()> plants[] = {
-        [&] { fs::create_symlink(precious, trace); }, [&] { fs::create_hard_link(precious, trace); },
-        [&] { ASSERT_EQ(mkfifo(trace.c_str(), 0600), 0); }, [&] { fs::create_directory(trace); }};
-    for (const auto &plant : plants) {
+    const std::string links = "ln " + precious.string() + " ";
+    for (const std::string &plant : {links + "-s", links, std::string("mkfifo"), std::string("mkdir")}) {
         fs::remove(trace);
-        plant();
+        ASSERT_EQ(std::system((plant + " " + trace.string()).c_str()), 0);
         EXPECT_EQ(getExecutablePath(), self);
         EXPECT_EQ(read(precious), "content");
     }
     fs::remove(trace);
-
-    char small[4] = "abc";
-    std::uint32_t size = sizeof small;
-    EXPECT_EQ(_NSGetExecutablePath(small, &size), -1);
-    EXPECT_EQ(size, self.string().size() + 1);
-    EXPECT_STREQ(small, "abc");
 }
 
-TEST_F(System, LoginItemComesAndGoes) {
+TEST(System, LoginItemAndDesktopAreInTheHomeFolder) {
     const fs::path agent = folder / "Library/LaunchAgents/com.mervix.korvane.plist";
     setVariable("HOME", folder);
     Platform::SetAutoStart("/nowhere");
@@ -93,15 +130,19 @@ TEST_F(System, LoginItemComesAndGoes) {
     fs::create_directories(agent.parent_path());
     Platform::SetAutoStart("/a & b/Korvane");
     const std::string content = read(agent);
-    EXPECT_NE(content.find("    <string>/a & b/Korvane</string>\n"), std::string::npos);
+    EXPECT_NE(content.find("<string>/a & b/Korvane</string>"), std::string::npos);
     write(agent, std::string(4000, 'x'));
     Platform::SetAutoStart("/a & b/Korvane");
     EXPECT_EQ(read(agent), content);
+    EXPECT_EQ(Platform::GetPublicDesktopPath(), "/Users/Shared/Desktop");
+    EXPECT_EQ(Platform::GetUserDesktopPath(), folder.string() + "/Desktop");
 
     setVariable("HOME", std::nullopt);
     Platform::SetAutoStart("/elsewhere");
     Platform::RemoveAutoStart();
     EXPECT_EQ(read(agent), content);
+    EXPECT_EQ(Platform::GetUserDesktopPath(), "");
+
     setVariable("HOME", folder);
     Platform::RemoveAutoStart();
     EXPECT_FALSE(fs::exists(agent));
@@ -120,21 +161,77 @@ pid_t startSleeper(const fs::path &program) {
     return pid;
 }
 
-TEST_F(System, ProbeMatchesTheExactNameAndCloseAnyCommandLine) {
+TEST(System, ProbeMatchesTheExactNameAndCloseAnyCommandLine) {
     EXPECT_FALSE(KR_TitleCheck());
     CloseKR();
-    const pid_t bystander = startSleeper(folder / "other");
     const pid_t longer = startSleeper(folder / "KRX");
     EXPECT_FALSE(KR_TitleCheck());
-    const pid_t companions[] = {startSleeper(folder / "KR"), startSleeper(folder / "KR")};
+    const pid_t companion = startSleeper(folder / "KR");
     EXPECT_TRUE(KR_TitleCheck());
+
+    rlimit files = {}; // what cannot be started prints nothing
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(KR_TitleCheck());
+    setrlimit(RLIMIT_NOFILE, &files);
+
     CloseKR();
     int status = 0;
-    for (const pid_t matching : {longer, companions[0], companions[1]})
+    for (const pid_t matching : {longer, companion})
         EXPECT_TRUE(waitpid(matching, &status, 0) == matching && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
-    EXPECT_EQ(waitpid(bystander, &status, WNOHANG), 0);
     EXPECT_FALSE(KR_TitleCheck());
-    kill(bystander, SIGKILL);
+}
+
+bool idleBecomes(std::int64_t seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (Platform::GetIdleTimeSeconds() != seconds && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(10ms);
+    return Platform::GetIdleTimeSeconds() == seconds;
+}
+
+TEST(System, IdleTimeIsTheDisplays) {
+    const auto begin = std::chrono::steady_clock::now();
+    std::system("xdotool mousemove 10 10");
+    EXPECT_TRUE(idleBecomes(0));
+    EXPECT_TRUE(idleBecomes(2));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 2s);
+
+    // And nothing where it cannot be told.
+    for (bool *failure : {&g_propertiesFail, &g_numbersAreOther}) {
+        *failure = true;
+        EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
+        *failure = false;
+    }
+    // A server that does not count idle time, one that is not there, and none.
+    const Value others[] = {std::getenv("DISPLAY_WITHOUT_IDLE_TIME"), ":999", std::nullopt};
+    for (const auto &other : others) {
+        setVariable("DISPLAY", other);
+        EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
+    }
+    EXPECT_EQ(liveSystemObjects(), 0);
+}
+
+TEST(System, SemaphoresBlockUntilReleased) {
+    static dispatch_semaphore_t semaphore = nullptr; // nothing frees it
+    Platform::SemInit(semaphore, -1);
+    EXPECT_EQ(semaphore, nullptr);
+
+    Platform::SemInit(semaphore, 1);
+    Platform::SemWait(semaphore);
+    std::atomic<int> released = 0;
+    std::thread waiter([&] {
+        for (int pass = 1; pass <= 3; ++pass) {
+            Platform::SemWait(semaphore);
+            EXPECT_LE(pass, released);
+        }
+    });
+    for (; released < 3; Platform::SemRelease(semaphore)) {
+        Platform::SemDestroy(semaphore);   // without effect
+        std::this_thread::sleep_for(20ms); // for a waiter that does not wait to be caught
+        ++released;
+    }
+    waiter.join();
 }
 
 } // namespace
