@@ -10,7 +10,6 @@ import shutil
 import signal
 import subprocess
 import sys
-import threading
 
 import service as faults
 from machine import (
@@ -238,70 +237,49 @@ def use_in_loop(machine):
     shutil.copy("/build/tests/in_loop", machine.launcher_path)
 
 
-def end(how, status):
-    """Ends the process in each state of the supervision thread, which then goes on until it is in the middle of a
-    download without end: nothing waits for it, and all that it uses is still there when all else is torn down."""
+def end(how, status, downloads):
+    """Ends the process under a supervision thread that goes through cycle after cycle, or is in a download without end:
+    nothing waits for it, and all that it uses is still there when all else has been torn down."""
     with Machine() as machine, open("/tmp/held", "w") as held:
         use_in_loop(machine)
-        before = state(machine.companion)
-        for thread, sleep in (("sleeps", "1"), ("pauses", "2"), ("shakes hands", "0"), ("downloads", "0")):
-            machine.service.requests.clear()
-            machine.service.faults.clear()
-            machine.offer("2.5")
-            fcntl.flock(held, fcntl.LOCK_EX)
-            launcher = machine.launch(environment=machine.environment | {"KORVANE_SLEEP": sleep})
-            machine.service.wait_for("Korvane_CAP")
-            until(AGENT.exists, "start-up is complete")
-            AGENT.unlink()
-
-            def reaches(condition, what):
-                until(lambda: condition() or launcher.poll() is not None, f"{thread}: {what}")
-                assert launcher.poll() is None, f"{thread}: ended with {launcher.poll()} before: {what}"
-
-            def says(what):
-                reaches(lambda: what in launcher.trace.read_text(errors="replace"), what)
-
-            def staged():
-                return sum(path.stat().st_size for path in machine.companion.parent.glob("*.download.*"))
-
-            shakes, answer = threading.Event(), threading.Event()
-            if thread == "shakes hands":
-                machine.service.faults["connect"] = lambda *_: (shakes.set(), answer.wait(60))
-            machine.service.faults["download"] = faults.endless
-            machine.offer("2.6")
-            if thread == "shakes hands":
-                reaches(shakes.is_set, "a handshake")
-            elif thread == "downloads":
-                reaches(staged, "bytes")
-            else:
-                says("asleep")
-            launcher.send_signal(how)
-            says("torn down")
-            answer.set()
-            enough = staged() + 1_000_000
-            reaches(lambda: staged() > enough, "more bytes")
-            fcntl.flock(held, fcntl.LOCK_UN)
-            assert launcher.wait(60) == status, f"{thread}: {launcher.returncode}"
-            assert state(machine.companion) == before
-            for left in machine.companion.parent.glob("*.download.*"):
-                left.unlink()
-
-
-def test_end_of_the_loop():
-    end(signal.SIGUSR1, 0)
-
-
-def test_end_by_exit():
-    end(signal.SIGUSR2, 7)
-
-
-def test_end_with_the_display():
-    with Machine() as machine:
+        fcntl.flock(held, fcntl.LOCK_EX)
         machine.offer("2.5")
         launcher = machine.launch()
-        until(AGENT.exists, "start-up is complete")
-        machine.display_process.kill()
-        assert launcher.wait(60) == 1
+        machine.service.wait_for("KR_CAP", 3)
+        if downloads:
+            machine.service.faults["download"] = faults.endless
+            machine.offer("2.6")
+
+        def progress():
+            assert launcher.poll() is None, f"ended with {launcher.returncode} under its thread"
+            staged = sum(path.stat().st_size for path in machine.companion.parent.glob("*.download.*"))
+            return staged >> 20 if downloads else len(machine.service.requests)
+
+        before = state(machine.companion)
+        until(progress, "the first bytes")
+        launcher.send_signal(how)
+        until(lambda: "torn down" in launcher.trace.read_text(errors="replace"), "the end")
+        enough = progress() + 3
+        until(lambda: progress() > enough, "the thread goes on")
+        fcntl.flock(held, fcntl.LOCK_UN)
+        assert launcher.wait(60) == status, launcher.returncode
+        assert state(machine.companion) == before
+
+
+def test_end_of_the_loop_while_supervising():
+    end(signal.SIGUSR1, 0, downloads=False)
+
+
+def test_end_of_the_loop_while_downloading():
+    end(signal.SIGUSR1, 0, downloads=True)
+
+
+def test_end_by_exit_while_supervising():
+    end(signal.SIGUSR2, 7, downloads=False)
+
+
+def test_end_by_exit_while_downloading():
+    end(signal.SIGUSR2, 7, downloads=True)
 
 
 if __name__ == "__main__":
