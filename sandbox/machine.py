@@ -28,6 +28,13 @@ CALLS = pathlib.Path("/tmp/calls")
 SCRIPT = pathlib.Path("/tmp/script")
 QUICKLY = f"strace -D -f --seccomp-bpf -qq -s 999 -o {SCRIPT} -e inject=clock_nanosleep:retval=0".split()
 QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve"]
+# The lines that count there, and what script() calls them.
+STEPS = {
+    r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
+    r"connect\(.*htons\(443\)": "ask",
+    r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt|KR.download).*O_": "open",
+    r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
+}
 TLS = pathlib.Path("/run/tls")
 TRUST_STORE = "/etc/ssl/certs/ca-certificates.crt"
 COMPANION = (pathlib.Path(__file__).parent / "KR.app/Contents/MacOS/KR").read_text()
@@ -168,7 +175,7 @@ class Machine(Processes):
     def launch(self, path=None, environment=None, command=None, quickly=False, **options):
         """Starts the launcher, by another path or command if given. Its output goes to the file at .trace.
 
-        QUICKLY: its sleeps return at once; SCRIPT lists its system calls that tell its steps, as strace writes them.
+        QUICKLY: its sleeps return at once, and script() tells its steps.
         """
         command = command or [str(path or self.launcher_path)]
         if quickly:
@@ -219,6 +226,17 @@ def lay_tool(name, body):
 def calls(name):
     """How each call of the tool was made: its arguments, in order."""
     return [line.removeprefix(name + " ") for line in CALLS.read_text().splitlines() if line.startswith(name)]
+
+
+def script():
+    """What a launcher launched quickly has done so far, step by step."""
+    steps = []
+    for line in SCRIPT.read_text(errors="replace").splitlines():
+        for pattern, step in STEPS.items():
+            found = re.search(pattern, line)
+            if found:
+                steps.append(" ".join([step, *found.groups()]))
+    return "; ".join(steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
 
 
 def own(path):

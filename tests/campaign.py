@@ -99,24 +99,9 @@ def failing_call(calls, errors):
     return play
 
 
-def no_descriptors(r):
-    def limit(handler, content):
-        (launcher,) = processes("Korvane")
-        used = 1 + max(int(name) for name in os.listdir(f"/proc/{launcher}/fd"))
-        resource.prlimit(launcher, resource.RLIMIT_NOFILE, (used + r.rng.randrange(4), 4096))
-        handler.send(200, content)
-
-    r.service.faults["version"] = limit
-    latest = time.monotonic() + 9
-    r.done = lambda: AGENT.exists() or time.monotonic() > latest
-
-
-def read_only(folder):
-    def play(r):
-        folder(r).chmod(0o555)
-        r.undo(folder(r).chmod, 0o755)
-
-    return play
+def read_only(r):
+    r.folder.chmod(0o555)
+    r.undo(r.folder.chmod, 0o755)
 
 
 def become_folder(r):
@@ -213,12 +198,10 @@ FAULTS = {
     "disk: full": (full_disk, {}),
     "disk: a call fails": (failing_call(["fsync", "chmod", "rename"], ["ENOSPC", "EIO"]), {}),
     "disk: refuses to flush its cache": (failing_call(["fsync"], ["EOPNOTSUPP", "ENOTTY", "EINVAL"]), NEW),
-    "disk: no descriptors": (no_descriptors, ANY),
-    "folder: read-only": (read_only(lambda r: r.folder), NOT_ASKED),
+    "folder: read-only": (read_only, NOT_ASKED),
     "folder: in the target's place": (become_folder, NOT_ASKED | {"outcomes": {"folder"}}),
     "folder: missing": (lambda r: shutil.rmtree(r.folder), NOT_ASKED | {"outcomes": {"absent"}}),
     "target: missing": (lambda r: r.target.unlink(), NEW),
-    "LaunchAgents: read-only": (read_only(lambda r: AGENT.parent), NEW | {"done": None}),
     "killed": (kill, ANY | {"status": -9}),
     "display lost": (lose_display, ANY | {"status": 1}),
     # Either's pkill may end the other's start command.
@@ -305,12 +288,11 @@ def play(machine, fault, rng):
         bring_about, expected = FAULTS[fault]
         r.expect(**expected)
         bring_about(r)
-        done = r.done or (lambda: "Korvane_CAP" in r.service.order())
         before, leftovers = snapshot(machine), staging(machine)
         launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": sandbox.TOOLS_PATH})
         if r.launched:
             threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
-        until(lambda: done() or launcher.poll() is not None, "a launcher that hangs", ROUND_SECONDS)
+        until(lambda: r.done() or launcher.poll() is not None, "a launcher that hangs", ROUND_SECONDS)
         assert launcher.poll() == r.status, f"the launcher's status is {launcher.poll()}, not {r.status}"
         clear_away("Korvane")
         launcher.wait()

@@ -12,19 +12,7 @@ import subprocess
 import sys
 
 import service as faults
-from machine import (
-    AGENT,
-    HOME,
-    LOCK,
-    SCRIPT,
-    TRACE,
-    Machine,
-    companion_program,
-    companions,
-    own,
-    processes,
-    until,
-)
+from machine import AGENT, HOME, LOCK, TRACE, Machine, companion_program, companions, own, processes, script, until
 
 
 AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
@@ -37,25 +25,6 @@ AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
   <key>RunAtLoad</key><true/>
 </dict></plist>
 """
-
-# The lines of SCRIPT that count, and what they are called here.
-STEPS = {
-    r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
-    r"connect\(.*htons\(443\)": "ask",
-    r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|alice_ManualExit.txt|KR.download).*O_": "open",
-    r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
-}
-
-
-def script():
-    """What a launcher launched quickly has done so far, step by step."""
-    steps = []
-    for line in SCRIPT.read_text(errors="replace").splitlines():
-        for pattern, step in STEPS.items():
-            found = re.search(pattern, line)
-            if found:
-                steps.append(" ".join([step, *found.groups()]))
-    return "; ".join(steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
 
 
 def state(path):
@@ -124,18 +93,17 @@ def test_every_way_to_start_finds_the_folder():
     with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
         machine.offer("2.5")
         folder, launcher = machine.folder, machine.launcher_path
-        agent = {"Label": "com.mervix.korvane", "ProgramArguments": [f"{folder}/Korvane"], "RunAtLoad": True}
+        agent = AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
+        (program,) = plistlib.loads(agent.encode())["ProgramArguments"]
+        relative = f"../{folder.name}/Korvane.app/Contents/MacOS/Korvane"
         link, launcher_link = HOME / "link", HOME / "launcher link"
         link.symlink_to(machine.login_item)
         launcher_link.symlink_to(launcher)
         # The launcher's own path as it is; the login item's, however it is started, the real one inside the bundle.
         ways = [
             (launcher_link, launcher_link),
-            (
-                f"../{folder.name}/Korvane.app/Contents/MacOS/Korvane",
-                f"{folder}/../{launcher.relative_to(folder.parent)}",
-            ),
-            (agent["ProgramArguments"][0], launcher),
+            (relative, folder / relative),
+            (program, launcher),
             (link, launcher),
             ("../link", launcher),
         ]
@@ -145,8 +113,7 @@ def test_every_way_to_start_finds_the_folder():
             process = machine.launch(command=[path, "one argument", "-x"], quickly=True, environment=bare, cwd=folder)
             until(AGENT.exists, "start-up is complete")
             assert TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", TRACE.read_text()
-            assert AGENT.read_text() == AGENT_TEXT.replace("PROGRAM", f"{folder}/Korvane")
-            assert plistlib.loads(AGENT.read_bytes()) == agent
+            assert AGENT.read_text() == agent
             assert pathlib.Path(f"/proc/{process.pid}/exe").readlink() == launcher
             command = pathlib.Path(f"/proc/{process.pid}/cmdline").read_text().split("\0")
             assert command[1:] == ["one argument", "-x", ""], command
