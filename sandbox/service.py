@@ -163,11 +163,6 @@ def redirect(handler, content):
     handler.send(302, b"", Location=MOVED_PATH)
 
 
-def page(handler, _):
-    """An error page."""
-    handler.send(500, b"<html>sorry")
-
-
 def cut(offset):
     """The promised length, but the connection is closed in good order after so many bytes."""
 

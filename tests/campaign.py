@@ -6,7 +6,6 @@ Plays this worker's share of ROUNDS rounds of every fault or of one, then CYCLES
 and writes a line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
 """
 import contextlib
-import hashlib
 import os
 import pathlib
 import random
@@ -39,10 +38,10 @@ class Round:
     command = None  # what starts the launcher, if not its own path
     launched = None  # what happens to the launcher while it runs
 
-    def __init__(self, machine, rng, undo):
-        self.machine, self.rng, self.undo, self.service = machine, rng, undo.callback, machine.service
-        self.payload = sandbox.companion_program("2.6", rng.choice([700, rng.randrange(1000, 400_000)]))
-        self.offset = rng.randrange(len(self.payload))
+    def __init__(self, machine, undo):
+        self.machine, self.undo, self.service = machine, undo.callback, machine.service
+        self.payload = sandbox.companion_program("2.6", random.choice([700, random.randrange(1000, 400_000)]))
+        self.offset = random.randrange(len(self.payload))
         self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
 
@@ -82,7 +81,7 @@ def unresolved(r):
 
 
 def full_disk(r):
-    status, size = r.target.stat(), 4096 * r.rng.randrange(1, len(r.payload) // 4096 + 3)
+    status, size = r.target.stat(), 4096 * random.randrange(1, len(r.payload) // 4096 + 3)
     subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000", "none", r.folder], check=True)
     r.undo(subprocess.run, ["umount", "-l", r.folder], check=True)
     lay_old(r.target, (status.st_atime_ns, status.st_mtime_ns))
@@ -93,7 +92,7 @@ def failing_call(calls, errors):
     """A step of the replacement fails, after all bytes have been received."""
 
     def play(r):
-        fault = f"inject={r.rng.choice(calls)}:error={r.rng.choice(errors)}:when=1"
+        fault = f"inject={random.choice(calls)}:error={random.choice(errors)}:when=1"
         r.command = ["strace", "-D", "-f", "-o", "/dev/null", "-e", fault, r.machine.launcher_path]
 
     return play
@@ -111,15 +110,15 @@ def become_folder(r):
 
 
 def kill(r):
-    if r.rng.random() < 0.5:
+    if random.random() < 0.5:
         r.service.faults["download"] = net.stall(r.offset)
-    delay, r.done = r.rng.uniform(0, 7), lambda: False
+    delay, r.done = random.uniform(0, 7), lambda: False
     r.launched = lambda launcher: (time.sleep(delay), launcher.kill())
 
 
 def lose_display(r):
     name, display = r.machine.start_display()
-    delay, r.done = r.rng.uniform(0.5, 7), lambda: False
+    delay, r.done = random.uniform(0.5, 7), lambda: False
     r.command = ["env", f"DISPLAY={name}", r.machine.launcher_path]
     r.launched = lambda launcher: (time.sleep(delay), display.kill())
 
@@ -130,41 +129,19 @@ def two_launchers(r):
     r.done = lambda: len(r.service.order()) == 6 and AGENT.exists()
 
 
-def odd(path, form, rng):
-    path.unlink(missing_ok=True)
-    if form == "pipe":
-        os.mkfifo(path)
-    elif form == "folder":
-        path.mkdir()
-    elif form == "endless line":
-        with open(path, "wb") as file:
-            file.truncate(1 << 30)
-    elif form == "unreadable":
-        path.touch(0)
-    else:
-        path.write_bytes(rng.randbytes(5000).replace(b"\n", b"") + b"\0" if form == "binary" else form)
-
-
-def marker(form):
+def odd_marker(lay):
     def play(r):
-        odd(r.machine.marker, form, r.rng)
+        path = r.machine.marker
+        path.unlink()
+        lay(path)
         installed = 0
-        if r.machine.marker.is_file():
-            with open(r.machine.marker, "rb") as file:
+        if path.is_file():
+            with open(path, "rb") as file:
                 found = re.match(rb"\s*([+-]?\d+)(?:\.\s*([+-]?\d+))?", file.read(8192))
             installed = int(found[1]) * 1000 + int(found[2] or 0) if found else 0
         if installed < 2006:
             r.expect(**NEW)
         r.expect(starts=int(installed < 2006), status=255 if installed < 2005 else None)
-
-    return play
-
-
-def flag(form):
-    def play(r):
-        odd(r.machine.flag, form, r.rng)
-        # The thread reads it for the first time 3 s after start-up.
-        r.done = lambda: AGENT.exists() and time.time() > AGENT.stat().st_mtime + 4
 
     return play
 
@@ -181,7 +158,6 @@ FAULTS = {
     "version: dripping": (answer("version", net.drip(8)), NO_START),
     "version: endless": (answer("version", net.endless), NO_START),
     "version: too long": (answer("version", net.body(b'"9' * 40_000)), NO_START),
-    "version: error with a page": (answer("version", net.page), NO_START),
     "version: error with a version": (answer("version", net.status(500)), NEW),
     "download: empty": (answer("download", net.body(b"")), {}),
     "download: redirect": (answer("download", net.redirect), {"downloads": 1}),
@@ -208,15 +184,16 @@ FAULTS = {
     "two launchers, no lock": (two_launchers, ANY | {"outcomes": {"new"}}),
     "pkill: missing": (lambda r: (TOOLS / "pkill").unlink(), NEW),
     "open: fails": (lambda r: sandbox.lay_tool("open", "exit 1"), NEW),
-    "marker: equal": (marker(b"  +2.6.9\r\n"), {}),
-    "marker: far ahead": (marker(b"9" * 4000), {}),
+    "marker: pipe": (odd_marker(os.mkfifo), {}),
+    "marker: folder": (odd_marker(os.mkdir), {}),
+    "marker: unreadable": (odd_marker(lambda path: path.touch(0)), {}),
+    "marker: endless line": (odd_marker(lambda path: path.open("wb").truncate(1 << 30)), {}),
+    "marker: binary": (odd_marker(lambda path: path.write_bytes(random.randbytes(5000).replace(b"\n", b""))), {}),
+    "marker: equal": (odd_marker(lambda path: path.write_bytes(b"  +2.6.9\r\n")), {}),
 }
 for name, make in (("reset", net.reset), ("stalled", net.stall), ("cut", net.cut), ("chunked", net.chunked_cut)):
     FAULTS[f"download: {name}"] = (break_off("download", make), {})
     FAULTS[f"version: {name}"] = (break_off("version", make), NO_START)
-for form in ("pipe", "folder", "endless line", "unreadable", "binary"):
-    FAULTS[f"marker: {form}"] = (marker(form), {})
-    FAULTS[f"flag: {form}"] = (flag(form), NEW)
 
 
 def lay_old(target, times):
@@ -227,16 +204,10 @@ def lay_old(target, times):
 
 
 def snapshot(machine):
-    """Everything in the install folder but the target, its staging files and what rounds make odd."""
-
-    def describe(path):
-        return path.lstat().st_mode, hashlib.sha256(path.read_bytes()).digest() if path.is_file() else None
-
-    return {
-        path: describe(path)
-        for path in machine.folder.rglob("*")
-        if machine.companion.parent not in (path, *path.parents) and path not in (machine.marker, machine.flag)
-    }
+    """Everything in the install folder but the target and what lies beside it."""
+    paths = [path for path in machine.folder.rglob("*") if machine.companion.parent not in (path, *path.parents)]
+    found = [(path, path.lstat()) for path in paths]
+    return {path: (status.st_ino, status.st_mode, status.st_size, status.st_mtime_ns) for path, status in found}
 
 
 def staging(machine):
@@ -279,11 +250,11 @@ def outcome(r):
     return "new"
 
 
-def play(machine, fault, rng):
+def play(machine, fault):
     """One round; returns the outcome, or raises when a promise is broken."""
     begin(machine)
     with contextlib.ExitStack() as undo:
-        r = Round(machine, rng, undo)
+        r = Round(machine, undo)
         machine.offer("2.6", payload=r.payload)
         bring_about, expected = FAULTS[fault]
         r.expect(**expected)
@@ -310,7 +281,7 @@ def play(machine, fault, rng):
         return found
 
 
-def supervise(machine, rng, cycles):
+def supervise(machine, cycles):
     """One launcher through many cycles in quick time, each with a companion that died and a download fault."""
     begin(machine)
     machine.offer("2.6", payload=sandbox.companion_program("2.6", 50_000))
@@ -318,7 +289,7 @@ def supervise(machine, rng, cycles):
     launcher = machine.launch(quickly=True, environment=machine.environment | {"PATH": sandbox.TOOLS_PATH})
     usage = []
     for cycle in range(cycles):
-        machine.service.faults["download"] = rng.choice(kinds)
+        machine.service.faults["download"] = random.choice(kinds)
         until(lambda: len(sandbox.calls("open")) == cycle + 1, "the start command runs after every download")
         until(companions, "the companion runs")
         clear_away("KR")
@@ -339,18 +310,18 @@ def main():
     seed, rounds, worker, workers, cycles = map(int, sys.argv[1:6])
     plan = [fault for fault in sys.argv[6:] or FAULTS for _ in range(rounds)]
     random.Random(seed).shuffle(plan)
+    rounds = [(number, plan[number]) for number in range(worker, len(plan), workers)]
     with sandbox.Machine() as machine:
-        number, fault = None, None
-        try:
-            for number in range(worker, len(plan), workers):
-                fault = plan[number]
-                print(number, fault, play(machine, fault, random.Random(f"{seed} {number}")), sep="\t", flush=True)
-            if cycles:
-                fault = "supervision"
-                supervise(machine, random.Random(f"{seed} {worker}"), cycles)
-        except BaseException:
-            print(f"BROKEN\tseed {seed}, round {number}: {fault}\n{traceback.format_exc()}", flush=True)
-            return 1
+        for number, fault in rounds + [(worker, "supervision")]:
+            random.seed(f"{seed} {number}")
+            try:
+                if fault != "supervision":
+                    print(number, fault, play(machine, fault), sep="\t", flush=True)
+                elif cycles:
+                    supervise(machine, cycles)
+            except BaseException:
+                print(f"BROKEN\tseed {seed}, round {number}: {fault}\n{traceback.format_exc()}", flush=True)
+                return 1
     return 0
 
 

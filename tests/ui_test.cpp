@@ -175,7 +175,6 @@ TEST_F(Window, IsBuiltAsDesigned) {
     const wxPoint centre = window->GetPosition() + window->GetSize() / 2;
     EXPECT_LE(std::abs(centre.x - (screen.x + screen.width / 2)), 1);
     EXPECT_LE(std::abs(centre.y - (screen.y + screen.height / 2)), 1);
-    EXPECT_TRUE(fs::exists("/tmp/korvane_debug.txt"));
 }
 
 TEST_F(Window, BannerHasItsSizeWhateverThePictures) {

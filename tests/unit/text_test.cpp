@@ -1,6 +1,7 @@
 // Text in, value out: versions, searches, trimming, paths.
 #include "companion/AppVersion.h"
 #include "companion/CompanionUpdate.h"
+#include "companion/ServiceClient.h"
 #include "platform/Platform.h"
 #include "ui/LoginDialog.h"
 
@@ -33,6 +34,13 @@ TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
         EXPECT_EQ(dotted(version), expected) << text;
         EXPECT_EQ(dotted(parseMarkerVersion(text)), dotted({version.major, version.minor})) << text;
     }
+}
+
+TEST(Text, AnswersLoseACharacterAtEachEnd) {
+    const std::pair<std::string, std::string> table[] = {
+        {"\"2.6.1.4\"", "2.6.1.4"}, {"2.6.1.4", "0.0.0.0"}, {"x7y", "7.0.0.0"}, {"77", "0.0.0.0"}, {"", "0.0.0.0"}};
+    for (const auto &[answer, expected] : table)
+        EXPECT_EQ(dotted(parseServiceAnswer(answer)), expected) << answer;
 }
 
 TEST(Text, NewerMeansAStrictlyGreaterKey) {
