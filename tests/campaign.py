@@ -134,11 +134,9 @@ def odd_marker(lay):
         path = r.machine.marker
         path.unlink()
         lay(path)
-        installed = 0
-        if path.is_file():
-            with open(path, "rb") as file:
-                found = re.match(rb"\s*([+-]?\d+)(?:\.\s*([+-]?\d+))?", file.read(8192))
-            installed = int(found[1]) * 1000 + int(found[2] or 0) if found else 0
+        text = path.open("rb").read(8192) if path.is_file() else b""
+        found = re.match(rb"\s*([+-]?\d+)(?:\.\s*([+-]?\d+))?", text)
+        installed = int(found[1]) * 1000 + int(found[2] or 0) if found else 0
         if installed < 2006:
             r.expect(**NEW)
         r.expect(starts=int(installed < 2006), status=255 if installed < 2005 else None)
