@@ -40,7 +40,7 @@ TRUST_STORE = "/etc/ssl/certs/ca-certificates.crt"
 COMPANION = (pathlib.Path(__file__).parent / "KR.app/Contents/MacOS/KR").read_text()
 
 
-def until(condition, what, timeout=120):
+def until(condition, what, timeout=100):
     """Waits until condition() is true and returns its value."""
     deadline = time.monotonic() + timeout
     while True:
@@ -257,9 +257,8 @@ def processes(name):
         if folder.name.isdigit():
             with contextlib.suppress(OSError):
                 status = (folder / "status").read_text()
-                if re.search(rf"^Name:\t{re.escape(name)}$", status, re.M) and not re.search(
-                    r"^State:\tZ", status, re.M
-                ):
+                ended = re.search(r"^State:\tZ", status, re.M)
+                if not ended and re.search(rf"^Name:\t{re.escape(name)}$", status, re.M):
                     found.append(int(folder.name))
     return sorted(found)
 

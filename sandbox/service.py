@@ -71,7 +71,7 @@ class Service:
             self.requests.append(request)
             self.changed.notify_all()
 
-    def wait_for(self, what, count=1, timeout=120):
+    def wait_for(self, what, count=1, timeout=100):
         """Waits until this many requests of the kind ("KR_CAP", "Korvane_CAP", "download") have come; returns them."""
 
         def found():
