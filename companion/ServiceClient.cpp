@@ -67,9 +67,7 @@ AppVersion getServiceVersion(const std::string &applicationCode) try {
     const CURLcode result = curl_easy_perform(handle.get());
     handle.reset();
 
-    if (result != CURLE_OK || answer.size() > kLongestAnswer)
-        return {};
-    return parseServiceAnswer(answer);
+    return result == CURLE_OK ? parseServiceAnswer(answer) : AppVersion{};
 } catch (...) {
     return {};
 }
