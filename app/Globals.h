@@ -1,8 +1,6 @@
 // The launcher's process-wide state, defined by the chief source file.
 //
-// All of it is written on the main thread only, before start-up creates the supervision thread, and by nobody
-// afterwards; so every thread may read it without a lock. None of it is ever destroyed: the process may end at any
-// moment while the supervision thread uses it.
+// None of it is ever destroyed: the process may end at any moment while the supervision thread uses it.
 #pragma once
 
 #include <string>
@@ -10,13 +8,15 @@
 
 class LoginDialog;
 
-// The one slot holds the supervision thread once start-up has created it. Nothing joins or detaches it.
+// The one slot holds the supervision thread once start-up has created it. Nothing joins or detaches it. Main thread
+// only.
 extern std::thread (&g_threads)[1];
 
-// Login name of the user who runs the launcher, in the bytes of the environment. Empty until start-up has found it.
+// Login name of the user who runs the launcher, in the bytes of the environment. Empty until start-up has found it,
+// before it creates the supervision thread; not changed afterwards, so that every thread may read it without a lock.
 extern std::string &uname_windows;
 
-// Install folder: absolute, ends in "/", holds both bundles. Empty until start-up has worked it out.
+// Install folder: absolute, ends in "/", holds both bundles. Empty until start-up has worked it out; then as above.
 extern std::string &filepath;
 
 // The login window, if some caller has built one and put it here; start-up does not. Main thread only.

@@ -19,8 +19,8 @@ using namespace std::chrono_literals;
 
 // The process may end at any moment while the supervision thread runs: by main returning, or by an exit() that the
 // toolkit itself calls (Quit and log-out on macOS, a lost display under GTK). The thread is neither stopped nor waited
-// for, so nothing it uses may be destroyed at exit: these objects live on the heap, are never freed and stay reachable
-// through the references. That also keeps ~thread from aborting over a thread that is still joinable.
+// for, so nothing of ours that it uses may be destroyed at exit: these objects live on the heap, are never freed and
+// stay reachable through the references. That also keeps ~thread from aborting over a thread that is still joinable.
 std::thread (&g_threads)[1] = *new std::thread[1][1];
 std::string &uname_windows = *new std::string;
 std::string &filepath = *new std::string;

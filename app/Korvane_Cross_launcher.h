@@ -9,6 +9,6 @@
 bool PreventMultipleInstances(const std::string &name);
 
 // The start-up sequence, on the main thread. Ends the process with exit(0) when another launcher runs. Returns with the
-// supervision thread running and the login item written, or, for an outdated launcher, with neither. An error creating
+// supervision thread running and the agent file written, or, for an outdated launcher, with neither. An error creating
 // the thread (std::system_error) reaches the caller.
 void initStartup();

@@ -22,7 +22,9 @@ void rawProbe() {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-    char name[] = "pgrep", exact[] = "-x", companion[] = "KR";
+    char name[] = "pgrep";
+    char exact[] = "-x";
+    char companion[] = "KR";
     char *const arguments[] = {name, exact, companion, nullptr};
     pid_t child = 0;
     if (posix_spawnp(&child, name, &actions, nullptr, arguments, environ) != 0)

@@ -11,5 +11,5 @@
 void StartKR();
 
 // Returns the position of the first place in text where pattern occurs, each character of both taken through tolower,
-// or -1 when it occurs nowhere. An empty pattern is found at 0.
+// or -1 when it occurs nowhere. An empty pattern is found at 0. Nobody calls it yet.
 std::int32_t findCaseInsensitive(const std::string &text, const std::string &pattern);

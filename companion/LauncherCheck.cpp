@@ -2,9 +2,10 @@
 #include "companion/LauncherCheck.h"
 
 #include "app/Globals.h"
-#include "companion/UpdateCheck.h"
+#include "companion/ServiceHasNewer.h"
 #include "ui/LoginDialog.h"
 
+#include <thread>
 #include <wx/app.h>
 
 namespace {

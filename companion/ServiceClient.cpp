@@ -1,7 +1,7 @@
 // The vendor's web service, over HTTPS.
 #include "companion/ServiceClient.h"
 
-#include "companion/StagedFile.h"
+#include "platform/StagedFile.h"
 
 #include <cstdio>
 #include <curl/curl.h>

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 #include <sys/auxv.h>
+#include <system_error>
 
 namespace {
 

@@ -11,7 +11,7 @@
 int main(int argc, char **argv) {
     char tool[] = "/usr/bin/" TOOL;
     char leaveOutAncestors[] = "--ignore-ancestors";
-    // One program under two names, the tool looks at the first argument to know which it is.
+    // pgrep and pkill are one program, which goes by argv[0].
     std::vector<char *> arguments(argv, argv + argc);
     arguments.front() = tool;
     arguments.insert(arguments.begin() + 1, leaveOutAncestors);

@@ -1,4 +1,4 @@
-# Signs an install folder from the inside out: each library, the program of the login item, the bundle.
+# Signs an install folder from the inside out: each library, the log-in program, the bundle.
 #
 #   cmake -D FOLDER=... -D IDENTITY=... -P sign.cmake
 #
@@ -15,7 +15,7 @@ foreach(library IN LISTS libraries)
 endforeach()
 set(program ${FOLDER}/Korvane)
 set(bundle ${FOLDER}/Korvane.app)
-execute_process(COMMAND ${sign} --identifier com.mervix.korvane.login-item ${program} COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND ${sign} --identifier com.mervix.korvane.log-in ${program} COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${sign} ${bundle} COMMAND_ERROR_IS_FATAL ANY)
 
 foreach(signed IN ITEMS ${program} ${bundle})

@@ -21,9 +21,11 @@ void CloseExternalApp(const std::string &pattern);
 // does nothing when the file cannot be opened or HOME is not set.
 void SetAutoStart(const std::string &program);
 
-// Deletes that agent file. A missing file is no error, and nor is an unset HOME; any other failure is thrown as
-// std::filesystem::filesystem_error.
+// Deletes that agent file; nobody calls it yet. A missing file is no error, and nor is an unset HOME; any other failure
+// is thrown as std::filesystem::filesystem_error.
 void RemoveAutoStart();
+
+// What follows nobody calls yet.
 
 // Returns the whole seconds since the user's last input, or 0 when they cannot be told.
 std::int64_t GetIdleTimeSeconds();

@@ -43,21 +43,21 @@ void writePathTrace(int result, const char *rawPath, std::uint32_t size) {
     dprintf(trace.get(), "ret: %d\nraw path: %s\nsize: %u\n", result, rawPath, size);
 }
 
-class Service {
+class RegistryObject {
   public:
-    explicit Service(io_object_t service) : service_(service) {}
-    ~Service() {
-        if (service_)
-            IOObjectRelease(service_);
+    explicit RegistryObject(io_object_t object) : object_(object) {}
+    ~RegistryObject() {
+        if (object_)
+            IOObjectRelease(object_);
     }
-    Service(const Service &) = delete;
-    Service &operator=(const Service &) = delete;
+    RegistryObject(const RegistryObject &) = delete;
+    RegistryObject &operator=(const RegistryObject &) = delete;
     io_object_t get() const {
-        return service_;
+        return object_;
     }
 
   private:
-    io_object_t service_; // 0: none
+    io_object_t object_; // 0: none
 };
 
 struct ReleaseDictionary {
@@ -105,7 +105,7 @@ std::int64_t Platform::GetIdleTimeSeconds() {
     io_iterator_t matches = 0;
     if (IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOHIDSystem"), &matches) != KERN_SUCCESS)
         return 0;
-    const Service service(IOIteratorNext(matches));
+    const RegistryObject service(IOIteratorNext(matches));
     IOObjectRelease(matches);
     if (!service.get())
         return 0;

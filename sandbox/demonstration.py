@@ -47,8 +47,8 @@ def update(machine):
         f"companion {machine.installed} runs: process {pid}, {machine.companion.stat().st_size} bytes; "
         "the service offers 2.6"
     )
-    launcher = machine.launch(machine.login_item)
-    say(f"log-in: {machine.login_item.name} in the install folder starts the launcher, process {launcher.pid}")
+    launcher = machine.launch(machine.login_program)
+    say(f"log-in: {machine.login_program.name} in the install folder starts the launcher, process {launcher.pid}")
     machine.service.wait_for("KR_CAP")
     say("the launcher has asked for the companion's version and was told 2.6; it stops the companion and waits 2 s")
     machine.service.wait_for("download")
@@ -89,7 +89,7 @@ def quit_by_hand(machine, launcher, pid):
 def outdated(machine):
     machine.offer("2.5", launcher="2.6")
     sandbox.AGENT.unlink()
-    launcher = machine.launch(machine.login_item)
+    launcher = machine.launch(machine.login_program)
     say(f"next log-in: launcher {machine.installed} starts, process {launcher.pid}; the service reports launcher 2.6")
     status = launcher.wait(60)
     expect(status == 255 and not sandbox.AGENT.exists(), f"an outdated launcher should end with 255, not {status}")
@@ -104,7 +104,7 @@ def stay(machine):
         f"""
 You are {sandbox.USER}, in a sandbox with a launcher (process {launcher.pid}) and companion {version_on_disk(machine)}.
   ps xf                               what runs
-  tail -f {launcher.trace}             the launcher's trace
+  tail -f {launcher.output}             the launcher's trace
   kill -USR1 $(pgrep -x KR)           the user quits the companion
 Leave with exit; everything in here goes with it.""",
         flush=True,

@@ -17,6 +17,10 @@ import machine
 
 
 PICTURES = [pathlib.Path("/source/ui/art") / name for name in ("Korvane.bmp", "offline.png")]
+TRAY = (
+    "trayer --edge bottom --align right --widthtype request --height 26 --transparent false --tint 0xe8e8e8 "
+    "--SetPartialStrut true"
+)
 THEMES = {
     "Night-dark/gtk-3.0/gtk.css": "#202020",
     "Night/gtk-3.0/gtk-dark.css": "#202020",
@@ -66,26 +70,7 @@ def desktop():
         }
         quiet = {"env": environment, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         processes.start(["openbox"], **quiet)
-        processes.start(
-            [
-                "trayer",
-                "--edge",
-                "bottom",
-                "--align",
-                "right",
-                "--widthtype",
-                "request",
-                "--height",
-                "26",
-                "--transparent",
-                "false",
-                "--tint",
-                "0xe8e8e8",
-                "--SetPartialStrut",
-                "true",
-            ],
-            **quiet,
-        )
+        processes.start(TRAY.split(), **quiet)
 
         def ready():
             manager = subprocess.run(

@@ -13,23 +13,23 @@ import ssl
 import subprocess
 import time
 
-import service as service_module
+import service
 
 USER = "alice"
 UID = 1000
 HOME = pathlib.Path("/home/alice")
 AGENT = HOME / "Library/LaunchAgents/com.mervix.korvane.plist"
-TRACE = pathlib.Path("/tmp/korvane_debug.txt")
+PATH_TRACE = pathlib.Path("/tmp/korvane_debug.txt")
 LOCK = pathlib.Path("/tmp/Korvane.lock")
 HOST = "service.korvane.example"
 TOOLS = pathlib.Path("/tmp/tools")
 TOOLS_PATH = f"{TOOLS}:/bin"
 CALLS = pathlib.Path("/tmp/calls")
-SCRIPT = pathlib.Path("/tmp/script")
-QUICKLY = f"strace -D -f --seccomp-bpf -qq -s 999 -o {SCRIPT} -e inject=clock_nanosleep:retval=0".split()
+STEP_LOG = pathlib.Path("/tmp/steps")
+QUICKLY = f"strace -D -f --seccomp-bpf -qq -s 999 -o {STEP_LOG} -e inject=clock_nanosleep:retval=0".split()
 QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve"]
-# The lines that count there, and what script() calls them.
-STEPS = {
+# The lines that count there, and what steps() calls them.
+STEP_PATTERNS = {
     r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
     r"connect\(.*htons\(443\)": "ask",
     r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt|KR.download).*O_": "open",
@@ -63,32 +63,10 @@ def make_certificates():
     TLS.mkdir()
 
     def certificate(name, host, *signer, command=("openssl",)):
-        subprocess.run(
-            [
-                *command,
-                "req",
-                "-x509",
-                "-newkey",
-                "ec",
-                "-pkeyopt",
-                "ec_paramgen_curve:P-256",
-                "-nodes",
-                "-days",
-                "2",
-                "-subj",
-                f"/CN={host}",
-                "-addext",
-                f"subjectAltName=DNS:{host}",
-                "-keyout",
-                f"{name}.key",
-                "-out",
-                f"{name}.crt",
-                *signer,
-            ],
-            check=True,
-            capture_output=True,
-            cwd=TLS,
-        )
+        request = "req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2".split()
+        subject = ["-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}"]
+        files = ["-keyout", f"{name}.key", "-out", f"{name}.crt"]
+        subprocess.run([*command, *request, *subject, *files, *signer], check=True, capture_output=True, cwd=TLS)
 
     def context(name):
         made = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
@@ -154,15 +132,15 @@ class Machine(Processes):
             self.companion.parent.mkdir(parents=True)
             self.companion.write_bytes(companion_program(self.installed))
             self.companion.chmod(0o755)
-        self.login_item = self.folder / "Korvane"
+        self.login_program = self.folder / "Korvane"
         self.launcher_path = self.folder / "Korvane.app/Contents/MacOS/Korvane"
         self.marker = self.launcher_path.with_name("Korvane.version")
         self.marker.write_text(self.installed + "\n")
         self.flag = self.folder / f"{USER}_ManualExit.txt"
         own(HOME)
         own(self.folder)
-        self.service = self.enter_context(service_module.Service(make_certificates()))
-        self.display, self.display_process = self.start_display()
+        self.service = self.enter_context(service.Service(make_certificates()))
+        self.display, _ = self.start_display()
         self.environment = os.environ | {"HOME": str(HOME), "USER": USER, "DISPLAY": self.display}
         return self
 
@@ -173,18 +151,18 @@ class Machine(Processes):
         self.service.payload = companion_program(companion) if payload is None else payload
 
     def launch(self, path=None, environment=None, command=None, quickly=False, **options):
-        """Starts the launcher, by another path or command if given. Its output goes to the file at .trace.
+        """Starts the launcher, by another path or command if given. Its output goes to the file at .output.
 
-        QUICKLY: its sleeps return at once, and script() tells its steps.
+        QUICKLY: its sleeps return at once, and steps() tells what it does.
         """
         command = command or [str(path or self.launcher_path)]
         if quickly:
-            SCRIPT.write_text("")
-            SCRIPT.chmod(0o666)
+            STEP_LOG.write_text("")
+            STEP_LOG.chmod(0o666)
             command = [*QUICKLY, *command]
         self.trace_number += 1
-        trace = pathlib.Path(f"/tmp/trace{self.trace_number}")
-        with open(trace, "wb") as stream:
+        output = pathlib.Path(f"/tmp/trace{self.trace_number}")
+        with open(output, "wb") as stream:
             process = self.start(
                 command,
                 env=environment or self.environment,
@@ -192,7 +170,7 @@ class Machine(Processes):
                 stdout=stream,
                 **options,
             )
-        process.trace = trace
+        process.output = output
         return process
 
     def start_companion(self):
@@ -228,15 +206,15 @@ def calls(name):
     return [line.removeprefix(name + " ") for line in CALLS.read_text().splitlines() if line.startswith(name)]
 
 
-def script():
+def steps():
     """What a launcher launched quickly has done so far, step by step."""
-    steps = []
-    for line in SCRIPT.read_text(errors="replace").splitlines():
-        for pattern, step in STEPS.items():
+    found_steps = []
+    for line in STEP_LOG.read_text(errors="replace").splitlines():
+        for pattern, step in STEP_PATTERNS.items():
             found = re.search(pattern, line)
             if found:
-                steps.append(" ".join([step, *found.groups()]))
-    return "; ".join(steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
+                found_steps.append(" ".join([step, *found.groups()]))
+    return "; ".join(found_steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
 
 
 def own(path):

@@ -22,30 +22,23 @@ Request = collections.namedtuple("Request", "time what method path body headers"
 
 
 class Service:
-    """Answers on port 443 (or another) until it is left. Everything may be changed while it runs.
+    """Answers on port 443 until it is left. Everything may be changed while it runs.
 
     versions: the raw answer for each application code. payload: the bytes of the download. faults: what happens in
     place of a good answer, for "connect" (before TLS), "version" and "download"; see the functions below.
     certificate: the name of the certificate that is shown. requests: all that came in, in order.
     """
 
-    def __init__(self, contexts, port=443):
+    def __init__(self, contexts):
         self.contexts = contexts
         self.certificate = "good"
         self.versions = {}
         self.payload = b""
         self.faults = {}
         self.requests = []
-        self.connections = 0
         self.changed = threading.Condition()
         self.ending = threading.Event()
-        service = self
-
-        class Handler(_Handler):
-            pass
-
-        Handler.service = service
-        self.make_server = lambda: _Server(("127.0.0.1", port), Handler)
+        self.moved = b""
         self.server = None
 
     def __enter__(self):
@@ -59,7 +52,7 @@ class Service:
     def listen(self, on):
         """Accepts connections from now on, or refuses them; those that are open go on."""
         if on and not self.server:
-            self.server = self.make_server()
+            self.server = _Server(self)
             threading.Thread(target=self.server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True).start()
         elif not on and self.server:
             self.server.shutdown()
@@ -91,16 +84,19 @@ class _Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
     block_on_close = False
     request_queue_size = 128
 
+    def __init__(self, service):
+        super().__init__(("127.0.0.1", 443), _Handler)
+        self.service = service
+
     def handle_error(self, request, client_address):
         """A client that goes away, or refuses the certificate, is part of the game."""
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
-    service = None
 
     def setup(self):
-        self.service.connections += 1
+        self.service = self.server.service
         fault = self.service.faults.get("connect")
         if fault:
             fault(self, None)
@@ -132,7 +128,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
             self.send(404, b"no such address")
 
     def send(self, status, content, **headers):
-        self.head(status, headers.pop("length", len(content)), **headers)
+        self.head(status, len(content), **headers)
         self.wfile.write(content)
 
     def head(self, status, length, **headers):
@@ -225,20 +221,13 @@ def drip(seconds):
 def endless(handler, _):
     """An answer without end."""
     handler.head(200, None)
-    while not handler.service.ending.is_set():
+    while not handler.service.ending.wait(0.001):  # fast, yet not so fast that it fills the sandbox at once
         handler.wfile.write(b"9" * 16384)
 
 
 def silent_handshake(handler, _):
     """A connection that is accepted and then left alone."""
     _until_gone(handler)
-    raise ConnectionError
-
-
-def reset_handshake(handler, _):
-    """A connection that is reset at once."""
-    handler.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    handler.request.close()
     raise ConnectionError
 
 

@@ -21,8 +21,8 @@ void deleteFlagFile() {
     }
 }
 
-// The event loop belongs to the main thread, which runs the deferred call. A process that is ending already may have no
-// application any more.
+// The event loop belongs to the main thread, which runs the deferred call. The application object is the toolkit's, and
+// a process that is ending already may have lost it.
 void askMainLoopToEnd() {
     if (wxAppConsole *app = wxAppConsole::GetInstance())
         app->CallAfter([app] { app->ExitMainLoop(); });
@@ -35,6 +35,7 @@ void KR_Status(int) {
         for (;;) {
             for (int counter = 1; counter < 60; counter += 2) {
                 std::this_thread::sleep_for(1s);
+                // The counter takes odd numbers only, so this is every fifth of the 30 passes.
                 if (counter % 5 == 0 && readExitCheck() == "1") {
                     deleteFlagFile();
                     askMainLoopToEnd();

@@ -8,6 +8,7 @@
 #include "app/Korvane_Cross_launcher.h"
 #include "ui/LoginDialog.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -26,7 +27,9 @@ __attribute__((constructor(101))) void lingerAtExit() {
 }
 
 gboolean end(void *byExit) {
-    byExit ? std::exit(7) : wxTheApp->ExitMainLoop();
+    if (byExit)
+        std::exit(7);
+    wxTheApp->ExitMainLoop();
     return G_SOURCE_REMOVE;
 }
 

@@ -18,14 +18,16 @@ mkdir -p "$libraries"
 ln -s /usr/include toolkit/include
 cp -a "$system"/libwx_* "$system/wx" "$libraries"
 find "$libraries" -name 'libwx_*' -type f | while read -r library; do printf '\0' >>"$library"; done
-printf '#!/bin/sh\nexec wx-config --prefix=%s --exec-prefix=%s "$@"\n' "$PWD/toolkit" "$PWD/toolkit" >toolkit/bin/wx-config
+prefix=$PWD/toolkit
+printf '#!/bin/sh\nexec wx-config --prefix=%s --exec-prefix=%s "$@"\n' "$prefix" "$prefix" >toolkit/bin/wx-config
 # shellcheck disable=SC2016
 printf '#!/bin/sh\necho "$@" >>%s/signed\ncase $1 in --verify) exit $STATUS ;; esac\n' "$PWD" >tools/codesign
 chmod +x toolkit/bin/wx-config tools/codesign
 
 target=/opt/korvane-packaging-test
 cmake --fresh -S "$source" -B build -G Ninja -DBUILD_TESTING=OFF -DKORVANE_COMPANION="$source/sandbox/KR.app/" \
-    -DwxWidgets_CONFIG_EXECUTABLE="$PWD/toolkit/bin/wx-config"
+    -DwxWidgets_CONFIG_EXECUTABLE="$prefix/bin/wx-config"
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/CMakeCache.txt)
 cmake --build build
 DESTDIR=$PWD/below cmake --install build --prefix $target
 [ ! -e $target ]
@@ -36,7 +38,7 @@ done
 
 # What a signature can seal: code alone where code belongs, and links that lead nowhere else.
 check_layout() {
-    local contents file
+    local contents file property
     contents=$(realpath "$1/Korvane.app/Contents")
     [ "$(ls "$1")" = $'KR.app\nKorvane\nKorvane.app' ]
     find "$contents" -type l | while read -r file; do
@@ -47,10 +49,10 @@ check_layout() {
         [[ $file == *.so* || -x $file ]]
     done
     [ "$(find "$contents/MacOS" -type l -printf '%f\n' | sort)" = $'Korvane.bmp\nKorvane.version\noffline.png' ]
-    [ "$(cat "$contents/MacOS/Korvane.version")" = 2.5 ]
-    for file in "LSUIElement</key><true/>" "LSAppNapIsDisabled</key><true/>" "DevelopmentRegion</key><string>en<" \
-        "IconFile</key><string>Korvane<" "Copyright</key><string>Copyright © 2026 Mervix" "Version</key><string>2.5<"; do
-        grep -qF "$file" "$contents/Info.plist"
+    [ "$(cat "$contents/MacOS/Korvane.version")" = "$version" ]
+    for property in "LSUIElement</key><true/>" "LSAppNapIsDisabled</key><true/>" "Region</key><string>en<" \
+        "IconFile</key><string>Korvane<" "Copyright</key><string>Copyright ©" "Version</key><string>$version<"; do
+        grep -qF "$property" "$contents/Info.plist"
     done
 }
 check_layout "$installed"
@@ -63,7 +65,7 @@ sign "Developer ID" 0
 options="--force --sign Developer ID --options runtime --timestamp"
 diff signed - <<EXPECTED
 $(printf '%s\n' "$installed"/Korvane.app/Contents/Frameworks/* | sed "s|^|$options |")
-$options --identifier com.mervix.korvane.login-item $installed/Korvane
+$options --identifier com.mervix.korvane.log-in $installed/Korvane
 $options $installed/Korvane.app
 --verify --strict --verbose=2 $installed/Korvane
 --verify --strict --verbose=2 $installed/Korvane.app

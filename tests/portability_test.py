@@ -13,9 +13,9 @@ KNOWN = set(
 )
 # From the ground up: a file includes files of its own floor and of those below.
 FLOORS = [
-    "app/Globals platform/FirstLine platform/Platform platform/UniqueFd",
-    "app/LoginItem app/UserName companion/AppVersion companion/ServiceClient companion/ShellQuote companion/StagedFile "
-    "companion/UpdateCheck supervise/CompanionProcess supervise/ManualExitFlag ui/KorvaneTrayIcon ui/LoginDialog",
+    "app/Globals platform/FirstLine platform/Platform platform/StagedFile platform/UniqueFd",
+    "app/LoginProgram app/UserName companion/AppVersion companion/ServiceClient companion/ServiceHasNewer "
+    "companion/ShellQuote supervise/CompanionProcess supervise/ManualExitFlag ui/KorvaneTrayIcon ui/LoginDialog",
     "companion/CompanionUpdate companion/LauncherCheck",
     "supervise/Supervision",
     "app/Korvane_Cross_launcher",
@@ -36,7 +36,7 @@ def problems(name, text):
         if quote == "<" and included not in KNOWN and not included.startswith("wx/"):
             yield f"includes {included}, which macOS does not have"
         if quote == '"' and (floor(included) is None or floor(included) > floor(name)):
-            yield f"includes {included}, which is not on a floor below"
+            yield f"includes {included}, which is on a floor above, or on none"
 
 
 found = [

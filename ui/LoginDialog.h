@@ -44,5 +44,5 @@ class LoginDialog : public wxFrame {
     KorvaneTrayIcon *m_trayIcon; // frees itself after this window's destruction
 };
 
-// Returns text without the blanks, tabs, line feeds and carriage returns at its two ends.
+// Returns text without the blanks, tabs, line feeds and carriage returns at its two ends. Nobody calls it yet.
 std::string trimString(const std::string &text);

@@ -44,13 +44,15 @@ TEST(Text, AnswersLoseACharacterAtEachEnd) {
 }
 
 TEST(Text, NewerMeansAStrictlyGreaterKey) {
-    const std::tuple<std::string, std::string, bool> table[] = {{"2.6", "2.5", true},
-                                                                {"1.1001", "2.0", true},
-                                                                {"1.1000", "2.0", false},
-                                                                {"2.5.9.9", "2.5", false},
-                                                                {"0.0", "0.0", false},
-                                                                {"2147483647.2147483647", "2147483647.0", true},
-                                                                {"-2147483648.0", "2147483647.0", false}};
+    const std::tuple<std::string, std::string, bool> table[] = {
+        {"2.6", "2.5", true},
+        {"1.1001", "2.0", true},
+        {"1.1000", "2.0", false},
+        {"2.5.9.9", "2.5", false},
+        {"0.0", "0.0", false},
+        {"2147483647.2147483647", "2147483647.0", true},
+        {"-2147483648.0", "2147483647.0", false},
+    };
     for (const auto &[candidate, installed, newer] : table)
         EXPECT_EQ(isNewerThan(parseServiceVersion(candidate), parseMarkerVersion(installed)), newer) << candidate;
 }

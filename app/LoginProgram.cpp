@@ -1,4 +1,4 @@
-// The login item: the program in the install folder, "Korvane", that launchd starts at log-in.
+// The log-in program: "Korvane" in the install folder, which launchd starts at log-in.
 //
 // It becomes the launcher, Korvane.app/Contents/MacOS/Korvane in the folder that it really lies in, with its own
 // arguments and environment; the process id stays, so launchd keeps track of it. A link in its place would not do:

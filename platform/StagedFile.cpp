@@ -1,5 +1,5 @@
 // A file that takes another's place whole, or not at all.
-#include "companion/StagedFile.h"
+#include "platform/StagedFile.h"
 
 #include "platform/UniqueFd.h"
 
@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;

@@ -1,5 +1,5 @@
 // The question that the companion's update and the launcher's own check have in common.
-#include "companion/UpdateCheck.h"
+#include "companion/ServiceHasNewer.h"
 
 #include "app/Globals.h"
 #include "companion/AppVersion.h"

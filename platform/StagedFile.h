@@ -8,11 +8,12 @@
 // Receives the new content of a target file in a staging file of the target's own folder. Whatever happens, and also
 // when the process is killed or the machine loses power, the target is the old file or the new one, never a mixture:
 // it changes only by rename(2). A staging file that is not put in place is removed; one that a killed process left
-// behind is removed by the next StagedFile for the same target.
+// behind is removed by the next StagedFile for the same target, and so is one that another process is still writing,
+// which then does not take the target's place.
 class StagedFile {
   public:
     // Opens a staging file for target (a full path). When the target could not be replaced (its folder is missing or
-    // may not be written to, or it is a folder itself) stream() is null and nothing has changed.
+    // may not be written to, or it is a folder itself) stream() is null.
     explicit StagedFile(const std::string &target);
     ~StagedFile();
     StagedFile(const StagedFile &) = delete;
