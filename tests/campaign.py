@@ -162,7 +162,6 @@ FAULTS = {
     "marker: pipe": (odd_marker(os.mkfifo), {}),
     "marker: endless line": (odd_marker(lambda path: path.open("wb").truncate(1 << 30)), {}),
     "marker: binary": (odd_marker(lambda path: path.write_bytes(random.randbytes(5000).replace(b"\n", b""))), {}),
-    "marker: equal": (odd_marker(lambda path: path.write_bytes(b"  +2.6.9\r\n")), {}),
 }
 for name in ("expired", "self-signed", "wrong-host"):
     FAULTS[f"certificate: {name}"] = (lambda r, name=name: setattr(r.service, "certificate", name), NO_START)
