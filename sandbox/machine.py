@@ -27,11 +27,12 @@ TOOLS_PATH = f"{TOOLS}:/bin"
 CALLS = pathlib.Path("/tmp/calls")
 STEP_LOG = pathlib.Path("/tmp/steps")
 QUICKLY = f"strace -D -f --seccomp-bpf -qq -s 999 -o {STEP_LOG} -e inject=clock_nanosleep:retval=0".split()
-QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve"]
+QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fsync,?rename,?renameat,?renameat2"]
 # The lines that count there, and what steps() calls them.
 STEP_PATTERNS = {
     r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
     r"connect\(.*htons\(443\)": "ask",
+    r"(fsync|rename)\w*\(": "disk",
     r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt|KR.download).*O_": "open",
     r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
 }

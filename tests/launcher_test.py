@@ -61,7 +61,8 @@ def test_newer_companion_is_stopped_replaced_and_started():
         until(lambda: "sleep 1; " in steps(), "the supervision thread")
         stop, start = 'run pkill -f "KR"; sleep 2; ', "open korvane_debug.txt; run open -n "
         quoted = '"/home/alice/My \\"Apps\\" \\$HOME \\`id\\` \\\\/KR.app"; '
-        expected = BEGIN + COMPANION + stop + "open KR.download; ask; " + start + quoted + LAUNCHER
+        download = "open KR.download; ask; disk fsync; disk rename; disk fsync; "
+        expected = BEGIN + COMPANION + stop + download + start + quoted + LAUNCHER
         assert steps().startswith(expected + "sleep 1; "), steps()
         output = launcher.output.read_text()
         assert (output.count("> POST /"), output.count("> GET /"), output.count("< HTTP/1.1 200")) == (2, 1, 3), output
