@@ -124,7 +124,7 @@ def test_every_way_to_start_finds_the_folder():
             assert AGENT.read_text() == agent
             assert pathlib.Path(f"/proc/{process.pid}/exe").readlink() == launcher
             command = pathlib.Path(f"/proc/{process.pid}/cmdline").read_text().split("\0")
-            assert command[1:] == ["one argument", "-x", ""], command
+            assert command == [str(launcher if raw == launcher else path), "one argument", "-x", ""], command
             process.kill()
             process.wait()
             AGENT.unlink()
