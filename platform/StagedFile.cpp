@@ -54,7 +54,7 @@ StagedFile::StagedFile(const std::string &target) : target_(target) {
         return;
     removeLeftovers(target_);
 
-    staging_ = target_ + kStagingSuffix + "XXXXXX";
+    staging_ = target_ + kStagingSuffix + std::string(6, 'X'); // mkostemp(3) puts other characters there
     UniqueFd descriptor(mkostemp(staging_.data(), O_CLOEXEC));
     if (!descriptor) {
         staging_.clear();

@@ -56,7 +56,7 @@ def update(machine):
     say(f"process {pid} is gone; the launcher downloads the new executable")
     pid = wait_for_companion(machine, "2.6", pid)
     machine.service.wait_for("Korvane_CAP")
-    sandbox.until(sandbox.AGENT.exists, "the login item is written")
+    sandbox.until(sandbox.AGENT.exists, "the agent file is written")
     say(f"the launcher is up to date itself, supervises, and has written {sandbox.AGENT.name} for the next log-in")
     return launcher, pid
 

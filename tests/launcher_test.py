@@ -107,7 +107,7 @@ def test_every_way_to_start_finds_the_folder():
         link, launcher_link = HOME / "link", HOME / "launcher link"
         link.symlink_to(machine.login_program)
         launcher_link.symlink_to(launcher)
-        # The launcher's own path as it is; the login item's, however it is started, the real one inside the bundle.
+        # The launcher's own path as it is; the log-in program's, however it starts, the real one inside the bundle.
         ways = [
             (launcher_link, launcher_link),
             (relative, folder / relative),

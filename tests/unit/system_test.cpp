@@ -1,4 +1,4 @@
-// The operating system's side: files, processes, the login item, queries. Runs as an ordinary user on a throwaway
+// The operating system's side: files, processes, the agent file, queries. Runs as an ordinary user on a throwaway
 // machine with a display, real processes and real threads.
 #include "LiveObjects.h"
 #include "app/Globals.h"
@@ -117,7 +117,7 @@ TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     fs::remove(trace);
 }
 
-TEST(System, LoginItemAndDesktopAreInTheHomeFolder) {
+TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
     const fs::path agent = folder / "Library/LaunchAgents/com.mervix.korvane.plist";
     setVariable("HOME", folder);
     Platform::SetAutoStart("/nowhere");
