@@ -5,7 +5,8 @@
 #
 # Builds SOURCE below the folder WORK with the compilers that CMake picks, a toolkit in a prefix of its own and a
 # companion; installs below DESTDIR, signs with a stand-in for codesign, and packs.
-set -euo pipefail
+set -Eeuo pipefail
+export LC_ALL=C.UTF-8 # sorting
 trap 'echo "line $LINENO: $BASH_COMMAND" >&2' ERR
 source=$1
 mkdir -p "$2/toolkit/bin" "$2/tools" && cd "$2"
@@ -22,7 +23,12 @@ prefix=$PWD/toolkit
 printf '#!/bin/sh\nexec wx-config --prefix=%s --exec-prefix=%s "$@"\n' "$prefix" "$prefix" >toolkit/bin/wx-config
 # shellcheck disable=SC2016
 printf '#!/bin/sh\necho "$@" >>%s/signed\ncase $1 in --verify) exit $STATUS ;; esac\n' "$PWD" >tools/codesign
-chmod +x toolkit/bin/wx-config tools/codesign
+cat >tools/pkgbuild <<'END'
+#!/bin/sh
+[ "$1" = --analyze ] || exec cat "$2" "$5"
+printf '<key>BundleIsRelocatable</key>\n<true/>\n' >"$4"
+END
+chmod +x toolkit/bin/wx-config tools/*
 
 target=/opt/korvane-packaging-test
 cmake --fresh -S "$source" -B build -G Ninja -DBUILD_TESTING=OFF -DKORVANE_COMPANION="$source/sandbox/KR.app/" \
@@ -44,18 +50,25 @@ check_layout() {
     find "$contents" -type l | while read -r file; do
         [[ $(readlink "$file") != /* && $(realpath -e "$file") == "$contents"/* ]]
     done
-    find "$contents/MacOS" "$contents/Frameworks" -type f | while read -r file; do
-        [ "$(head -c 4 "$file")" = $'\x7fELF' ]
-        [[ $file == *.so* || -x $file ]]
+    [ "$(find "$contents/MacOS" -type f -executable -printf '%f\n')" = Korvane ]
+    find "$contents/MacOS" "$contents/Frameworks" -type f ! -name Korvane | while read -r file; do
+        [[ $file == */Frameworks/*.so* && $(head -c 4 "$file") = $'\x7fELF' ]]
     done
     [ "$(find "$contents/MacOS" -type l -printf '%f\n' | sort)" = $'Korvane.bmp\nKorvane.version\noffline.png' ]
     [ "$(cat "$contents/MacOS/Korvane.version")" = "$version" ]
     for property in "LSUIElement</key><true/>" "LSAppNapIsDisabled</key><true/>" "Region</key><string>en<" \
-        "IconFile</key><string>Korvane<" "Copyright</key><string>Copyright ©" "Version</key><string>$version<"; do
+        "IconFile</key><string>Korvane<" "Copyright</key><string>Copyright ©" "BundleVersion</key><string>$version<" \
+        "VersionString</key><string>$version<" "SystemVersion</key><string>26.0<" ">com.mervix.korvane<"; do
         grep -qF "$property" "$contents/Info.plist"
     done
+    [ -x "$1/KR.app/Contents/MacOS/KR" ]
+    [[ $(<"$contents/Info.plist") == *"Executable</key>"$'\n'"  <string>Korvane<"* ]] # for fixup_bundle
 }
 check_layout "$installed"
+
+# A bundle stays where the package lays it.
+PATH=$PWD/tools:$PATH "$source/packaging/pkgbuild" --root . /dev/null | grep -F '<false/>'
+if PATH=$PWD/tools:$PATH "$source/packaging/pkgbuild" --root . missing; then exit 1; fi
 
 sign() {
     : >signed
