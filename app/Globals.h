@@ -8,12 +8,13 @@
 
 class LoginDialog;
 
-// The one slot holds the supervision thread once start-up has created it. Nothing joins or detaches it. Main thread
-// only.
+// The one slot holds the supervision thread once start-up has created it, and is never joined or detached:
+// CheckLauncher, which joins what runs here, comes before. Main thread only.
 extern std::thread (&g_threads)[1];
 
 // Login name of the user who runs the launcher, in the bytes of the environment. Empty until start-up has found it,
 // before it creates the supervision thread; not changed afterwards, so that every thread may read it without a lock.
+// readExitCheck fills it in for a caller that has not been through start-up.
 extern std::string &uname_windows;
 
 // Install folder: absolute, ends in "/", holds both bundles. Empty until start-up has worked it out; then as above.

@@ -5,5 +5,5 @@
 
 // Asks the service for the current version of the application with this code and returns whether it is newer than the
 // installed version: the one in the marker beside the launcher's executable, for both applications. A marker that
-// cannot be read counts as 0.0; a service that gives no version is never newer. Throws nothing.
+// cannot be read and a service that gives no version both count as 0.0. Throws nothing.
 bool serviceHasNewer(const std::string &applicationCode);

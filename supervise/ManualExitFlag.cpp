@@ -6,13 +6,19 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 #include <thread>
 
 using namespace std::chrono_literals;
 
-std::string manualExitFlagPath() {
+namespace {
+
+std::string flagPath() {
     return filepath + uname_windows + "_ManualExit.txt";
 }
+
+} // namespace
 
 std::string readExitCheck() try {
     while (uname_windows.empty()) {
@@ -21,7 +27,13 @@ std::string readExitCheck() try {
         if (uname_windows.empty())
             std::this_thread::sleep_for(1000ms);
     }
-    return readFirstLine(manualExitFlagPath());
+    return readFirstLine(flagPath());
 } catch (...) {
     return {};
+}
+
+void deleteManualExitFlag() {
+    const std::filesystem::path path = flagPath();
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
 }

@@ -6,20 +6,12 @@
 #include "supervise/ManualExitFlag.h"
 
 #include <chrono>
-#include <filesystem>
 #include <thread>
 #include <wx/app.h>
 
 using namespace std::chrono_literals;
 
 namespace {
-
-void deleteFlagFile() {
-    try {
-        std::filesystem::remove(manualExitFlagPath());
-    } catch (...) {
-    }
-}
 
 // The event loop belongs to the main thread, which runs the deferred call. The application object is the toolkit's, and
 // a process that is ending already may have lost it.
@@ -37,7 +29,7 @@ void KR_Status(int) {
                 std::this_thread::sleep_for(1s);
                 // The counter takes odd numbers only, so this is every fifth of the 30 passes.
                 if (counter % 5 == 0 && readExitCheck() == "1") {
-                    deleteFlagFile();
+                    deleteManualExitFlag();
                     askMainLoopToEnd();
                     return;
                 }
