@@ -64,7 +64,7 @@ Cost = collections.namedtuple("Cost", "wall cpu memory")  # seconds, seconds, Mi
 
 def cost_of(command):
     """Runs a command and returns what it took, children included."""
-    # A process counts the memory of the one it was forked from as its own peak: "time" is small.
+    # The peak memory of a process begins with that of the one it was forked from, here this Python: time(1) is small.
     begin = time.monotonic()
     process = subprocess.Popen(["time", "-q", "-o", "/tmp/time", "-f", "%M", *command], stderr=subprocess.DEVNULL)
     _, status, usage = os.wait4(process.pid, 0)
@@ -116,7 +116,7 @@ def download():
     rows = []
     done = 0
     with sandbox.Processes() as processes:
-        processes.start(["nginx", "-c", str(sandbox.TLS / "nginx.conf")], user=None)
+        processes.start(["nginx", "-c", str(sandbox.TLS / "nginx.conf")], sandbox.AS_ROOT)
         sandbox.until(nginx_is_up, "nginx is up")
         for size, rounds in rounds_of_size.items():
             write_payload(size)

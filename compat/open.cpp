@@ -1,7 +1,7 @@
 // open -n BUNDLE: starts the application in a bundle, as macOS's command of that name does (open(1)).
 //
-// The application, BUNDLE/Contents/MacOS/<bundle name>, becomes a process of its own: new session, no terminal, no
-// descriptor of the caller's, nobody's child.
+// BUNDLE has no "/" at its end. The application, BUNDLE/Contents/MacOS/<bundle name>, becomes a process of its own: new
+// session, no terminal, no descriptor of the caller's, nobody's child.
 //
 // Exit status: 0 when it has been started; 1, with one line on standard error, when it cannot be; 2 for wrong
 // arguments.
@@ -59,10 +59,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: open -n BUNDLE\n");
         return 2;
     }
-    // A bundle may be named with a "/" at its end.
-    std::filesystem::path bundle = argv[2];
-    if (!bundle.has_filename())
-        bundle = bundle.parent_path();
+    const std::filesystem::path bundle = argv[2];
     const std::string program = bundle / "Contents/MacOS" / bundle.stem();
     if (const int error = startDetached(program)) {
         std::fprintf(stderr, "open: cannot start %s: %s\n", program.c_str(), std::strerror(error));

@@ -73,25 +73,17 @@ def desktop():
         processes.start(TRAY.split(), **quiet)
 
         def ready():
-            manager = subprocess.run(
-                ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"], env=environment, capture_output=True
-            )
-            tray = subprocess.run(["xdotool", "search", "--class", "trayer"], env=environment, capture_output=True)
-            return b"window id" in manager.stdout and tray.stdout
+            # Openbox may overlook what was asked of it while it started until something else comes.
+            subprocess.run(["wmctrl", "-s", "0"], **quiet)
+            windows = subprocess.run(["xprop", "-root", "_NET_CLIENT_LIST"], env=environment, capture_output=True)
+            return b"0x" in windows.stdout
 
-        machine.until(ready, "window manager and tray are up")
+        machine.until(ready, "the window manager shows the tray")
         yield environment
 
 
 if __name__ == "__main__":
     with desktop() as environment:
-        sys.exit(
-            subprocess.run(
-                [install(sys.argv[1]), *sys.argv[2:]],
-                env=environment,
-                user=machine.UID,
-                group=machine.UID,
-                extra_groups=[],
-                cwd=machine.HOME,
-            ).returncode
-        )
+        command = [install(sys.argv[1]), *sys.argv[2:]]
+        result = subprocess.run(command, env=environment, cwd=machine.HOME, **machine.AS_ALICE)
+    sys.exit(result.returncode)

@@ -17,16 +17,17 @@ import service
 
 USER = "alice"
 UID = 1000
+AS_ALICE = {"user": UID, "group": UID, "extra_groups": []}
+AS_ROOT = {}
 HOME = pathlib.Path("/home/alice")
 AGENT = HOME / "Library/LaunchAgents/com.mervix.korvane.plist"
 PATH_TRACE = pathlib.Path("/tmp/korvane_debug.txt")
 LOCK = pathlib.Path("/tmp/Korvane.lock")
 HOST = "service.korvane.example"
 TOOLS = pathlib.Path("/tmp/tools")
-TOOLS_PATH = f"{TOOLS}:/bin"
 CALLS = pathlib.Path("/tmp/calls")
 STEP_LOG = pathlib.Path("/tmp/steps")
-QUICKLY = f"strace -D -f --seccomp-bpf -qq -s 999 -o {STEP_LOG} -e inject=clock_nanosleep:retval=0".split()
+QUICKLY = f"/usr/bin/strace -D -f --seccomp-bpf -qq -s 999 -o {STEP_LOG} -e inject=clock_nanosleep:retval=0".split()
 QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fsync,?rename,?renameat,?renameat2"]
 # The lines that count there, and what steps() calls them.
 STEP_PATTERNS = {
@@ -87,16 +88,9 @@ def make_certificates():
 class Processes(contextlib.ExitStack):
     """Processes that end with this object."""
 
-    def start(self, command, user=UID, **options):
+    def start(self, command, identity=AS_ALICE, **options):
         """Starts a process, as alice unless told otherwise."""
-        process = subprocess.Popen(
-            command,
-            user=user,
-            group=user,
-            extra_groups=None if user is None else [],
-            stdin=subprocess.DEVNULL,
-            **options,
-        )
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **identity, **options)
         self.callback(end, process)
         return process
 
@@ -105,7 +99,7 @@ class Processes(contextlib.ExitStack):
         reader, writer = os.pipe()
         process = self.start(
             ["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset", *options],
-            user=None,
+            identity=AS_ROOT,
             pass_fds=[writer],
             stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL,
@@ -154,7 +148,7 @@ class Machine(Processes):
     def launch(self, path=None, environment=None, command=None, quickly=False, **options):
         """Starts the launcher, by another path or command if given. Its output goes to the file at .output.
 
-        QUICKLY: its sleeps return at once, and steps() tells what it does.
+        With quickly its sleeps return at once, and steps() tells what it does.
         """
         command = command or [str(path or self.launcher_path)]
         if quickly:
@@ -179,16 +173,14 @@ class Machine(Processes):
         subprocess.run(
             ["open", "-n", str(self.folder / "KR.app")],
             check=True,
-            user=UID,
-            group=UID,
-            extra_groups=[],
             env=self.environment,
+            **AS_ALICE,
         )
         return until(companions, "the companion runs")[0]
 
 
 def lay_tools():
-    """Makes /tmp/tools the only tools that a launcher on TOOLS_PATH finds; each call of one is noted in CALLS."""
+    """Lays the only tools that a launcher with TOOLS as its PATH finds; each call of one is noted in CALLS."""
     TOOLS.mkdir(exist_ok=True)
     for name in ("open", "pgrep", "pkill"):
         lay_tool(name, f'exec /build/compat/{name} "$@"')
@@ -218,6 +210,12 @@ def steps():
     return "; ".join(found_steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
 
 
+def state(path):
+    """What stays the same of a file or folder that is left alone."""
+    status = path.lstat()
+    return status.st_ino, status.st_mode, status.st_size, status.st_mtime_ns
+
+
 def own(path):
     """Gives a folder and all in it to alice."""
     subprocess.run(["chown", "-hR", f"{UID}:{UID}", str(path)], check=True)
@@ -240,6 +238,14 @@ def processes(name):
                 if not ended and re.search(rf"^Name:\t{re.escape(name)}$", status, re.M):
                     found.append(int(folder.name))
     return sorted(found)
+
+
+def end_all(name):
+    """Kills every process of exactly this name, and waits until none is left."""
+    for pid in processes(name):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, 9)
+    until(lambda: not processes(name), f"no process {name} is left")
 
 
 def companions():

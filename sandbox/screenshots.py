@@ -4,7 +4,7 @@ import subprocess
 import desktop
 import machine
 
-# What is typed into the user name's field (a tab leads on to the password) before "Log in" is clicked; None: no click.
+# What is typed into the user name's field (a tab leads on to the password) before "LogIn" is clicked; None: no click.
 STATES = {
     "fresh": None,
     "no-user-name": "",

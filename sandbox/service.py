@@ -1,9 +1,9 @@
 """A stand-in for the vendor's web service: a real HTTPS server, with faults on demand.
 
-    with Service(tls) as service:
-        service.versions["KR_CAP"] = b'"2.6.0.0"'
-        service.payload = b"..."
-        service.faults["download"] = faults.cut(1000)
+    with Service(contexts) as vendor:
+        vendor.versions["KR_CAP"] = b'"2.6.0.0"'
+        vendor.payload = b"..."
+        vendor.faults["download"] = cut(1000)
 """
 import collections
 import http.server
@@ -151,6 +151,16 @@ def status(number, **headers):
 def body(text):
     """A good answer with another body."""
     return lambda handler, content: handler.send(200, text)
+
+
+def and_then(fault, **changes):
+    """This fault, and a service that is otherwise from then on."""
+
+    def change(handler, content):
+        vars(handler.service).update(changes)
+        fault(handler, content)
+
+    return change
 
 
 def redirect(handler, content):

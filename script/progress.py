@@ -1,5 +1,4 @@
 """What the long commands share: workers whose output is read as it comes, and a line that tells how far they are."""
-
 import concurrent.futures
 import subprocess
 import sys

@@ -1,15 +1,14 @@
 """The fault campaign, inside a sandbox: a table of faults, and the promises that hold after every round.
 
-    campaign.py SEED ROUNDS WORKER WORKERS CYCLES [FAULT]
+    campaign.py SEED ROUNDS WORKER WORKERS CYCLES [FAULT...]
 
-Plays this worker's share of ROUNDS rounds of every fault or of one, then CYCLES supervision cycles in one launcher,
+Plays this worker's share of ROUNDS rounds of every fault or of these, then CYCLES supervision cycles in one launcher,
 and writes a line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
 """
 import contextlib
 import os
 import pathlib
 import random
-import re
 import resource
 import shutil
 import subprocess
@@ -20,11 +19,12 @@ import traceback
 
 import machine as sandbox
 import service
-from machine import AGENT, LOCK, TOOLS, companions, own, processes, until
+from machine import AGENT, LOCK, TOOLS, companions, end_all, own, until
 
 HOSTS = pathlib.Path("/etc/hosts")
 OLD = sandbox.companion_program("2.5")
 ROUND_SECONDS = 110  # the mandated pauses and two time limits, one after the other, with room to spare
+BROKEN = "BROKEN\t"  # what the report of a broken promise begins with
 PEAK_KIB = 160 * 1024  # of memory: more than a launcher takes, less than what it is offered
 
 
@@ -45,9 +45,6 @@ class Round:
         self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
 
-    def expect(self, **changes):
-        vars(self).update(changes)
-
 
 def answer(what, fault):
     return lambda r: r.service.faults.update({what: fault})
@@ -56,14 +53,14 @@ def answer(what, fault):
 def break_off(what, make):
     """An answer that does not arrive whole; a version, though, far enough to read as a newer one."""
 
-    def play(r):
+    def bring_about(r):
         offset = r.offset
         if what == "version":
             r.machine.offer("99.9.9.9", launcher="99.9.9.9")
             offset = 3 + r.offset % 6
         r.service.faults[what] = make(offset)
 
-    return play
+    return bring_about
 
 
 def unresolved(r):
@@ -79,14 +76,10 @@ def full_disk(r):
     r.outcomes = {"new" if size >= len(r.payload) else "old"}
 
 
-def failing_call(calls, errors):
+def failing_call(call, error):
     """A step of the replacement fails, after all bytes have been received."""
-
-    def play(r):
-        fault = f"inject={random.choice(calls)}:error={random.choice(errors)}:when=1"
-        r.command = ["strace", "-D", "-f", "-o", "/dev/null", "-e", fault, r.machine.launcher_path]
-
-    return play
+    strace = f"/usr/bin/strace -D -f -o /dev/null -e inject={call}:error={error}:when=1".split()
+    return lambda r: setattr(r, "command", [*strace, r.machine.launcher_path])
 
 
 def become_folder(r):
@@ -111,46 +104,42 @@ def strike(r, process=None):
 
 def lose_display(r):
     name, display = r.machine.start_display()
-    r.command = ["env", f"DISPLAY={name}", r.machine.launcher_path]
+    r.command = ["/usr/bin/env", f"DISPLAY={name}", r.machine.launcher_path]
     strike(r, display)
 
 
-def odd_marker(lay):
-    def play(r):
-        path = r.machine.marker
-        path.unlink()
-        lay(path)
-        text = path.open("rb").read(8192) if path.is_file() else b""
-        found = re.match(rb"\s*([+-]?\d+)(?:\.\s*([+-]?\d+))?", text)
-        installed = int(found[1]) * 1000 + int(found[2] or 0) if found else 0
-        if installed < 2006:
-            r.expect(**NEW)
-        r.expect(starts=int(installed < 2006), status=255 if installed < 2005 else None)
-
-    return play
+def pipe_as_marker(r):
+    r.machine.marker.unlink()
+    os.mkfifo(r.machine.marker)
 
 
-NEW = {"outcomes": {"new"}, "downloads": 1}
+ASKED = {"downloads": 1}
+NEW = ASKED | {"outcomes": {"new"}}
+OUTDATED = NEW | {"status": 255}  # a marker that is no version counts as 0.0
 NOT_ASKED = {"downloads": 0}
 NO_START = {"starts": 0}
 ANY = {"outcomes": {"old", "new"}, "starts": None}
-BROKEN_OFF = {"reset": service.reset, "stalled": service.stall, "cut": service.cut, "chunked": service.chunked_cut}
+GOOD = service.status(200)
+STALLED = service.stall(500)
+SILENCE = {"connect": service.silent_handshake}
+BROKEN_OFF = {"reset": service.reset, "cut": service.cut, "chunked": service.chunked_cut}
 # What brings a fault about, and what is expected otherwise than usual.
 FAULTS = {
     "none": (lambda r: None, NEW),
     "version: redirect": (break_off("version", lambda _: service.redirect), NO_START),
     "version: endless": (answer("version", service.endless), NO_START),
+    "version: stalled": (break_off("version", service.stall), NO_START),
     "version: error with a version": (answer("version", service.status(500)), NEW),
     "download: empty": (answer("download", service.body(b"")), {}),
-    "download: redirect": (answer("download", service.redirect), {"downloads": 1}),
+    "download: redirect": (answer("download", service.redirect), ASKED),
     "download: dripping": (answer("download", service.drip(0.05)), {}),
     "download: partial": (answer("download", service.status(206)), {}),
-    "download: not found": (answer("download", service.status(404)), {}),
-    "handshake: never ends": (answer("connect", service.silent_handshake), NO_START),
+    "download: wrong host": (answer("version", service.and_then(GOOD, certificate="wrong-host")), NOT_ASKED),
+    "download: no handshake": (answer("version", service.and_then(GOOD, faults=SILENCE)), NOT_ASKED),
+    "download: stalled, then silence": (answer("download", service.and_then(STALLED, faults=SILENCE)), ASKED),
+    "handshake: never ends": (lambda r: r.service.faults.update(SILENCE), NO_START),
     "name: does not resolve": (unresolved, NO_START),
     "disk: full": (full_disk, {}),
-    "disk: a call fails": (failing_call(["fsync", "chmod", "rename"], ["ENOSPC", "EIO"]), {}),
-    "disk: refuses to flush its cache": (failing_call(["fsync"], ["EOPNOTSUPP", "ENOTTY", "EINVAL"]), NEW),
     "folder: read-only": (lambda r: r.folder.chmod(0o555), NOT_ASKED),
     "folder: in the target's place": (become_folder, NOT_ASKED | {"outcomes": {"folder"}}),
     "folder: missing": (lambda r: shutil.rmtree(r.folder), NOT_ASKED | {"outcomes": {"absent"}}),
@@ -159,12 +148,16 @@ FAULTS = {
     "display lost": (lose_display, ANY | {"status": 1}),
     "pkill: missing": (lambda r: (TOOLS / "pkill").unlink(), NEW),
     "open: fails": (lambda r: sandbox.lay_tool("open", "exit 1"), NEW),
-    "marker: pipe": (odd_marker(os.mkfifo), {}),
-    "marker: endless line": (odd_marker(lambda path: path.open("wb").truncate(1 << 30)), {}),
-    "marker: binary": (odd_marker(lambda path: path.write_bytes(random.randbytes(5000).replace(b"\n", b""))), {}),
+    "marker: pipe": (pipe_as_marker, OUTDATED),
+    "marker: endless line": (lambda r: r.machine.marker.open("wb").truncate(1 << 30), OUTDATED),
+    "marker: binary": (lambda r: r.machine.marker.write_bytes(b"\xff" + random.randbytes(5000)), OUTDATED),
 }
 for name in ("expired", "self-signed", "wrong-host"):
     FAULTS[f"certificate: {name}"] = (lambda r, name=name: setattr(r.service, "certificate", name), NO_START)
+for call in ("fsync", "chmod", "rename"):
+    FAULTS[f"disk: {call} fails"] = (failing_call(call, "EIO"), {})
+for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
+    FAULTS[f"disk: no cache flush, {error}"] = (failing_call("fsync", error), NEW)
 for name, make in BROKEN_OFF.items():
     FAULTS[f"download: {name}"] = (break_off("download", make), {})
     FAULTS[f"version: {name}"] = (break_off("version", make), NO_START)
@@ -180,8 +173,7 @@ def lay_old(target):
 def snapshot(machine):
     """Everything in the install folder but the target and what lies beside it."""
     paths = [path for path in machine.folder.rglob("*") if machine.companion.parent not in (path, *path.parents)]
-    found = [(path, path.lstat()) for path in paths]
-    return {path: (status.st_ino, status.st_mode, status.st_size, status.st_mtime_ns) for path, status in found}
+    return {path: sandbox.state(path) for path in paths}
 
 
 def staging(machine):
@@ -190,7 +182,7 @@ def staging(machine):
 
 def begin(machine):
     """Brings the machine to where every round starts: with what a launcher killed in a download has left behind."""
-    machine.service.faults.clear()
+    machine.service.faults = {}
     machine.service.requests.clear()
     machine.service.certificate = "good"
     for path in (machine.marker, machine.flag, AGENT, LOCK, machine.companion.parent):
@@ -200,13 +192,6 @@ def begin(machine):
     machine.companion.parent.mkdir()
     machine.companion.with_name("KR.download.killed").write_bytes(OLD[:300])
     lay_old(machine.companion)
-
-
-def clear_away(name):
-    for pid in processes(name):
-        with contextlib.suppress(ProcessLookupError):
-            os.kill(pid, 9)
-    until(lambda: not processes(name), f"no process {name} is left")
 
 
 def outcome(r):
@@ -230,15 +215,15 @@ def play(machine, fault):
         r = Round(machine, undo)
         machine.offer("2.6", payload=r.payload)
         bring_about, expected = FAULTS[fault]
-        r.expect(**expected)
+        vars(r).update(expected)
         bring_about(r)
         before, leftovers = snapshot(machine), staging(machine)
-        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": sandbox.TOOLS_PATH})
+        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(TOOLS)})
         if r.launched:
             threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
         until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher", ROUND_SECONDS)
         assert launcher.poll() == r.status, f"the launcher's status is {launcher.poll()}, not {r.status}"
-        clear_away("Korvane")
+        end_all("Korvane")
         launcher.wait()
 
         found, opened, downloads = outcome(r), len(sandbox.calls("open")), r.service.order().count("download")
@@ -250,7 +235,7 @@ def play(machine, fault):
         assert snapshot(machine) == before, "something else has changed"
         peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
         assert peak < PEAK_KIB, f"a launcher took {peak} KiB of memory"
-        clear_away("KR")
+        end_all("KR")
         return found
 
 
@@ -259,17 +244,17 @@ def supervise(machine, cycles):
     begin(machine)
     machine.offer("2.6", payload=sandbox.companion_program("2.6", 50_000))
     kinds = [service.reset(700), service.cut(700), service.status(500), service.body(b""), None]
-    launcher = machine.launch(quickly=True, environment=machine.environment | {"PATH": sandbox.TOOLS_PATH})
+    launcher = machine.launch(quickly=True, environment=machine.environment | {"PATH": str(TOOLS)})
     usage = []
     for cycle in range(cycles):
         machine.service.faults["download"] = random.choice(kinds)
         until(lambda: len(sandbox.calls("open")) == cycle + 1, "the start command runs after every download")
         until(companions, "the companion runs")
-        # Nothing but sleeps, flag reads and probes goes on until it ends: the launcher holds little that comes and goes.
+        # While it runs the launcher only sleeps, reads the flag and probes: little that it holds comes and goes.
         status = pathlib.Path(f"/proc/{launcher.pid}/status").read_text()
         memory = sum(int(line.split()[1]) for line in status.splitlines() if line.startswith(("RssAnon", "VmData")))
         usage.append((memory, len(os.listdir(f"/proc/{launcher.pid}/fd"))))
-        clear_away("KR")
+        end_all("KR")
         print(cycle, "supervision cycle", "started again", sep="\t", flush=True)
     settled, last = usage[len(usage) // 4], usage[-1]
     kept = last[0] <= settled[0] + 4096 and last[1] <= settled[1] + 3
@@ -292,7 +277,7 @@ def main():
                 elif cycles:
                     supervise(machine, cycles)
             except BaseException:
-                print(f"BROKEN\tseed {seed}, round {number}: {fault}\n{traceback.format_exc()}", flush=True)
+                print(f"{BROKEN}seed {seed}, round {number}: {fault}\n{traceback.format_exc()}", flush=True)
                 return 1
     return 0
 

@@ -1,5 +1,5 @@
-// The launcher's start-up sequence from inside a running event loop, where wxExit returns; here it does nothing else,
-// so that only what start-up defers ends the loop. SIGUSR1 ends it too, and SIGUSR2 calls exit(7) from inside it.
+// The launcher's start-up sequence from inside a running event loop, where wxExit returns; here it only notes the
+// call, so that what start-up defers must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls exit(7) from inside it.
 // With an argument there is a login window in g_dlg, which tells when it is to close.
 //
 // Sleeps take no time. When all else has been torn down, the process goes on for as long as somebody else locks
@@ -42,7 +42,7 @@ class LoopApp : public wxApp {
             });
         }
         g_unix_signal_add(SIGUSR1, end, nullptr);
-        g_unix_signal_add(SIGUSR2, end, this);
+        g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
         CallAfter([] { initStartup(); });
         return true;
     }

