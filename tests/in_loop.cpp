@@ -1,11 +1,10 @@
-// The launcher's start-up sequence from inside a running event loop, where wxExit returns; here it only notes the
-// call, so that what start-up defers must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls exit(7) from inside it.
-// With an argument there is a login window in g_dlg, which tells when it is to close.
+// The launcher's OnInit from inside a running event loop, where wxExit returns; here it only notes the call, and what
+// OnInit has not prepared, so that what start-up defers must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls
+// exit(7) from inside it. With an argument there is a login window in g_dlg, which tells when it is to close.
 //
 // Sleeps take no time. When all else has been torn down, the process goes on for as long as somebody else locks
 // /tmp/held: what the supervision thread uses must still be there.
 #include "app/Globals.h"
-#include "app/Korvane_Cross_launcher.h"
 #include "ui/LoginDialog.h"
 
 #include <csignal>
@@ -13,8 +12,10 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <glib-unix.h>
+#include <gtk/gtk.h>
 #include <sys/file.h>
 #include <wx/app.h>
+#include <wx/image.h>
 
 namespace {
 
@@ -33,6 +34,8 @@ gboolean end(void *byExit) {
     return G_SOURCE_REMOVE;
 }
 
+wxApp *launcher = nullptr;
+
 class LoopApp : public wxApp {
     bool OnInit() override {
         if (argc > 1) {
@@ -43,11 +46,14 @@ class LoopApp : public wxApp {
         }
         g_unix_signal_add(SIGUSR1, end, nullptr);
         g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
-        CallAfter([] { initStartup(); });
+        g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
+        CallAfter([] { launcher->OnInit(); });
         return true;
     }
     void Exit() override {
-        std::fputs("wxExit\n", stderr);
+        gboolean dark = TRUE;
+        g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
+        std::fprintf(stderr, "wxExit%s%s\n", dark ? ", dark" : "", wxImage::FindHandler("PNG file") ? "" : ", no PNG");
     }
 };
 
@@ -59,6 +65,7 @@ extern "C" int nanosleep(const timespec *, timespec *) {
 }
 
 int main(int argc, char **argv) {
+    launcher = static_cast<wxApp *>(wxApp::GetInitializerFunction()());
     wxApp::SetInstance(new LoopApp);
     return wxEntry(argc, argv);
 }
