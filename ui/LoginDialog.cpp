@@ -47,6 +47,7 @@ std::string fieldText(const wxTextCtrl *field) {
     return field->GetValue().ToStdString(wxConvLibc);
 }
 
+// The toolkit reports a picture that cannot be loaded in a dialog of its own, unless told not to.
 wxBitmap loadBanner(const wxString &file) {
     const wxLogNull silence;
     return wxBitmap(file, wxBITMAP_TYPE_BMP);
@@ -65,7 +66,6 @@ wxImage bannerImage(const wxBitmap &banner) {
     return plain;
 }
 
-// The toolkit reports a picture that cannot be loaded in a dialog of its own, unless told not to.
 wxIcon loadTrayPicture(const wxString &file) {
     const wxLogNull silence;
     wxIcon picture;
@@ -89,7 +89,7 @@ wxTextCtrl *addField(LoginDialog *window, wxSizer *column, long style) {
     return field;
 }
 
-// A row of two buttons, of which the second (or the first) is disabled for good.
+// A row of two buttons, one of them disabled for good: the left one or the right one.
 std::pair<wxButton *, wxButton *> addButtonRow(LoginDialog *window, wxSizer *column, int border, const wxString &left,
                                                const wxString &right, bool leftDisabled) {
     const wxSize size(110, 30);
@@ -198,6 +198,7 @@ void LoginDialog::OnLogin(wxCommandEvent &) {
             return;
         }
         m_errorLabel->SetLabel("");
+        // Text that the locale's encoding cannot represent reads as empty.
         if (GetUsername().empty() || GetPassword().empty())
             m_errorLabel->SetLabel("Please fill both the fields.");
     } catch (...) {
