@@ -30,6 +30,15 @@ void removeLeftovers(const fs::path &target) {
     }
 }
 
+// Tells by the target's rights, with access(2): macOS is wary of code that somebody has had open for writing. An
+// executable that runs at this moment (ETXTBSY) can be replaced all the same.
+bool mayBeReplaced(const fs::path &target) {
+    std::error_code ignored;
+    if (fs::is_directory(target, ignored))
+        return false;
+    return access(target.c_str(), W_OK) == 0 || errno == ENOENT || errno == ETXTBSY;
+}
+
 // Returns true once what was written to the file or folder is on the medium. On macOS fsync(2) leaves it in the drive's
 // cache, which may be written in any order; F_FULLFSYNC flushes that too. Some file systems, those of network volumes
 // among them, refuse it with one of these three errors: their fsync has to do.
@@ -49,8 +58,7 @@ void syncFolder(const fs::path &folder) {
 } // namespace
 
 StagedFile::StagedFile(const std::string &target) : target_(target) {
-    std::error_code ignored;
-    if (fs::is_directory(target_, ignored))
+    if (!mayBeReplaced(target_))
         return;
     removeLeftovers(target_);
 
@@ -76,8 +84,7 @@ StagedFile::~StagedFile() {
 
 void StagedFile::replaceTarget() {
     struct stat received = {};
-    if (std::fflush(stream_.get()) != 0 || fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 ||
-        !reachMedium(fileno(stream_.get())))
+    if (fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 || !reachMedium(fileno(stream_.get())))
         return;
     if (std::fclose(stream_.release()) != 0)
         return;

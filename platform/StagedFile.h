@@ -12,8 +12,10 @@
 // which then does not take the target's place.
 class StagedFile {
   public:
-    // Opens a staging file for target (a full path). When the target could not be replaced (its folder is missing or
-    // may not be written to, or it is a folder itself) stream() is null.
+    // Opens a staging file for target (a full path). Changes nothing, and stream() is null, when the target could not
+    // be replaced: its folder is missing or may not be written to, or the target exists and is a folder or may itself
+    // not be written to by this user (access(2)). A target that is missing, or that runs at this moment, is no
+    // obstacle.
     explicit StagedFile(const std::string &target);
     ~StagedFile();
     StagedFile(const StagedFile &) = delete;
@@ -25,7 +27,8 @@ class StagedFile {
     }
 
     // Puts the staging file in the target's place with the mode 0755, once it holds at least one byte and all its bytes
-    // have reached the disk. Does nothing when any step fails. Closes the stream. Call it once.
+    // have reached the disk. Leaves the target as it was when any step fails. Call it once, as the last: the stream
+    // must not be written to afterwards.
     void replaceTarget();
 
   private:

@@ -26,7 +26,8 @@ class Service:
 
     versions: the raw answer for each application code. payload: the bytes of the download. faults: what happens in
     place of a good answer, for "connect" (before TLS), "version" and "download"; see the functions below.
-    certificate: the name of the certificate that is shown. requests: all that came in, in order.
+    certificate: the name of the certificate that is shown. requests: all that came in, in order. waits: for how many
+    seconds each client that was left alone has waited before it went.
     """
 
     def __init__(self, contexts):
@@ -36,6 +37,7 @@ class Service:
         self.payload = b""
         self.faults = {}
         self.requests = []
+        self.waits = []
         self.changed = threading.Condition()
         self.ending = threading.Event()
         self.moved = b""
@@ -215,14 +217,27 @@ def stall(offset):
     return fault
 
 
-def drip(seconds):
-    """One byte at a time, with a pause after each."""
+def pause(seconds, offset=0):
+    """A good answer with a pause after so many bytes."""
 
     def fault(handler, content):
         handler.head(200, len(content))
-        for byte in content:
-            handler.wfile.write(bytes([byte]))
-            if handler.service.ending.wait(seconds):
+        handler.wfile.write(content[:offset])
+        handler.service.ending.wait(seconds)
+        handler.wfile.write(content[offset:])
+
+    return fault
+
+
+def trickle(bytes_per_second):
+    """A good answer that comes slowly."""
+
+    def fault(handler, content):
+        handler.head(200, len(content))
+        step = bytes_per_second // 2
+        for begin in range(0, len(content), step):
+            handler.wfile.write(content[begin : begin + step])
+            if handler.service.ending.wait(0.5):
                 return
 
     return fault
@@ -235,6 +250,11 @@ def endless(handler, _):
         handler.wfile.write(b"9" * 16384)
 
 
+def slow_handshake(seconds):
+    """A connection that is accepted and answered late."""
+    return lambda handler, _: handler.service.ending.wait(seconds)
+
+
 def silent_handshake(handler, _):
     """A connection that is accepted and then left alone."""
     _until_gone(handler)
@@ -242,12 +262,14 @@ def silent_handshake(handler, _):
 
 
 def _until_gone(handler):
-    handler.request.settimeout(0.2)
+    handler.request.settimeout(1)
+    seconds = 0
     while not handler.service.ending.is_set():
         try:
             if not handler.request.recv(4096):
-                return
+                break
         except TimeoutError:
-            continue
+            seconds += 1
         except OSError:
-            return
+            break
+    handler.service.waits.append(seconds)

@@ -6,6 +6,7 @@ Plays this worker's share of ROUNDS rounds of every fault or of these, then CYCL
 and writes a line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
 """
 import contextlib
+import dataclasses
 import os
 import pathlib
 import random
@@ -16,6 +17,7 @@ import sys
 import threading
 import time
 import traceback
+import typing
 
 import machine as sandbox
 import service
@@ -23,23 +25,33 @@ from machine import AGENT, LOCK, TOOLS, companions, end_all, own, until
 
 HOSTS = pathlib.Path("/etc/hosts")
 OLD = sandbox.companion_program("2.5")
-ROUND_SECONDS = 110  # the mandated pauses and two time limits, one after the other, with room to spare
+ROUND_SECONDS = 110  # the mandated pauses and the longest waits, one after the other, with room to spare
 BROKEN = "BROKEN\t"  # what the report of a broken promise begins with
 PEAK_KIB = 160 * 1024  # of memory: more than a launcher takes, less than what it is offered
 
 
-class Round:
-    """What faults are made with, and what is expected of a round unless its fault says otherwise."""
+@dataclasses.dataclass
+class Fault:
+    """What brings a fault about, and what is expected of its rounds."""
 
-    outcomes = {"old"}  # of the installed executable: "old", "new", "absent", "folder"
-    starts = 1  # how often the start command runs; None: it depends
-    downloads = None  # how often the executable is asked for; None: it depends
-    status = None  # of the launcher; None: it lives
+    bring_about: typing.Callable
+    outcomes: tuple = ("old",)  # of the installed executable: "old", "new", "absent", "folder"
+    starts: int = 1  # how often the start command runs; None: it depends
+    downloads: int = None  # how often the executable is asked for; None: it depends
+    status: int = None  # of the launcher; None: it lives
+    limits: tuple = ()  # the seconds after which it goes away from a service that is silent, each time
+    long: bool = False  # takes more than half a minute, most of it asleep
+
+
+class Round:
+    """What faults are made with."""
+
     command = None  # what starts the launcher, if not its own path
     launched = None  # what happens to the launcher while it runs
 
-    def __init__(self, machine, undo):
+    def __init__(self, machine, undo, fault):
         self.machine, self.undo, self.service = machine, undo.callback, machine.service
+        self.outcomes = fault.outcomes
         self.payload = sandbox.companion_program("2.6", random.choice([700, random.randrange(1000, 400_000)]))
         self.offset = random.randrange(len(self.payload))
         self.target, self.folder = machine.companion, machine.companion.parent
@@ -63,6 +75,18 @@ def break_off(what, make):
     return bring_about
 
 
+def of_size(size, what, fault=None):
+    """An answer of so many bytes: the executable, or a version that goes on in blanks."""
+
+    def bring_about(r):
+        r.payload = r.service.payload = sandbox.companion_program("2.6", size if what == "download" else 700)
+        if what == "version":
+            r.service.versions["KR_CAP"] = b'"2.6' + b" " * (size - 5) + b'"'
+        r.service.faults[what] = fault
+
+    return bring_about
+
+
 def unresolved(r):
     r.undo(HOSTS.write_text, HOSTS.read_text())
     HOSTS.write_text("")
@@ -73,7 +97,7 @@ def full_disk(r):
     subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000", "none", r.folder], check=True)
     r.undo(subprocess.run, ["umount", "-l", r.folder], check=True)
     lay_old(r.target)
-    r.outcomes = {"new" if size >= len(r.payload) else "old"}
+    r.outcomes = ["new" if size >= len(r.payload) else "old"]
 
 
 def failing_call(call, error):
@@ -82,9 +106,36 @@ def failing_call(call, error):
     return lambda r: setattr(r, "command", [*strace, r.machine.launcher_path])
 
 
+def failing_close(r):
+    """No file can be closed from the download on: before it, the loader would not start the launcher."""
+
+    def attach(handler, content):
+        (launcher,) = sandbox.processes("Korvane")
+        inject = ["-e", "inject=close:error=EIO"]
+        r.machine.start(["strace", "-qq", "-o", "/dev/null", *inject, "-p", str(launcher)], sandbox.AS_ROOT)
+        until(lambda: "TracerPid:\t0\n" not in pathlib.Path(f"/proc/{launcher}/status").read_text(), "it is traced")
+        handler.send(200, content)
+
+    r.service.faults["download"] = attach
+
+
 def become_folder(r):
     r.target.unlink()
     r.target.mkdir()
+
+
+def of_another_user(r):
+    """In a folder where anybody may lay files, and only a file's owner may replace it."""
+    os.chown(r.folder, 0, 0)
+    os.chown(r.target, 0, 0)
+    r.folder.chmod(0o1777)
+
+
+def outlive_its_end(r):
+    """A program that goes on running cannot be opened for writing, only replaced."""
+    (TOOLS / "pkill").unlink()
+    shutil.copy("/usr/bin/sleep", r.target)
+    r.machine.start([r.target, "1000"])
 
 
 def strike(r, process=None):
@@ -114,53 +165,69 @@ def pipe_as_marker(r):
 
 
 ASKED = {"downloads": 1}
-NEW = ASKED | {"outcomes": {"new"}}
+NEW = ASKED | {"outcomes": ["new"]}
 OUTDATED = NEW | {"status": 255}  # a marker that is no version counts as 0.0
 NOT_ASKED = {"downloads": 0}
 NO_START = {"starts": 0}
-ANY = {"outcomes": {"old", "new"}, "starts": None}
+LONG = {"long": True}
+ANY = {"outcomes": ["old", "new"], "starts": None}
 GOOD = service.status(200)
-STALLED = service.stall(500)
 SILENCE = {"connect": service.silent_handshake}
 BROKEN_OFF = {"reset": service.reset, "cut": service.cut, "chunked": service.chunked_cut}
-# What brings a fault about, and what is expected otherwise than usual.
+
+
+def changed(**changes):
+    """A version, and a service that is otherwise from then on."""
+    return answer("version", service.and_then(GOOD, **changes))
+
+
 FAULTS = {
-    "none": (lambda r: None, NEW),
-    "version: redirect": (break_off("version", lambda _: service.redirect), NO_START),
-    "version: endless": (answer("version", service.endless), NO_START),
-    "version: stalled": (break_off("version", service.stall), NO_START),
-    "version: error with a version": (answer("version", service.status(500)), NEW),
-    "download: empty": (answer("download", service.body(b"")), {}),
-    "download: redirect": (answer("download", service.redirect), ASKED),
-    "download: dripping": (answer("download", service.drip(0.05)), {}),
-    "download: partial": (answer("download", service.status(206)), {}),
-    "download: wrong host": (answer("version", service.and_then(GOOD, certificate="wrong-host")), NOT_ASKED),
-    "download: no handshake": (answer("version", service.and_then(GOOD, faults=SILENCE)), NOT_ASKED),
-    "download: stalled, then silence": (answer("download", service.and_then(STALLED, faults=SILENCE)), ASKED),
-    "handshake: never ends": (lambda r: r.service.faults.update(SILENCE), NO_START),
-    "name: does not resolve": (unresolved, NO_START),
-    "disk: full": (full_disk, {}),
-    "folder: read-only": (lambda r: r.folder.chmod(0o555), NOT_ASKED),
-    "folder: in the target's place": (become_folder, NOT_ASKED | {"outcomes": {"folder"}}),
-    "folder: missing": (lambda r: shutil.rmtree(r.folder), NOT_ASKED | {"outcomes": {"absent"}}),
-    "target: missing": (lambda r: r.target.unlink(), NEW),
-    "killed": (strike, ANY | {"status": -9}),
-    "display lost": (lose_display, ANY | {"status": 1}),
-    "pkill: missing": (lambda r: (TOOLS / "pkill").unlink(), NEW),
-    "open: fails": (lambda r: sandbox.lay_tool("open", "exit 1"), NEW),
-    "marker: pipe": (pipe_as_marker, OUTDATED),
-    "marker: endless line": (lambda r: r.machine.marker.open("wb").truncate(1 << 30), OUTDATED),
-    "marker: binary": (lambda r: r.machine.marker.write_bytes(b"\xff" + random.randbytes(5000)), OUTDATED),
+    "none": Fault(lambda r: None, **NEW),
+    "version: late": Fault(answer("version", service.pause(20)), **NEW, **LONG),
+    "version: long": Fault(of_size(60 << 10, "version"), **NEW),
+    "version: too long": Fault(of_size(1 << 20, "version"), **NO_START),
+    "version: endless": Fault(answer("version", service.endless), **NO_START),
+    "version: redirect": Fault(break_off("version", lambda _: service.redirect), **NO_START),
+    "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30), **LONG),
+    "version: error with a version": Fault(answer("version", service.status(500)), **NEW),
+    "download: empty": Fault(answer("download", service.body(b""))),
+    "download: pauses": Fault(of_size(50_000, "download", service.pause(20, 5000)), **NEW),
+    "download: slow": Fault(of_size(140_000, "download", service.trickle(2048)), **NEW, **LONG),
+    "download: too slow": Fault(of_size(50_000, "download", service.trickle(512)), **LONG),
+    "download: redirect": Fault(answer("download", service.redirect), **ASKED),
+    "download: partial": Fault(answer("download", service.status(206))),
+    "download: wrong host": Fault(changed(certificate="wrong-host"), **NOT_ASKED),
+    "download: self-signed": Fault(changed(certificate="self-signed"), **NOT_ASKED),
+    "download: no handshake": Fault(changed(faults=SILENCE), **NOT_ASKED, limits=(15, 15), **LONG),
+    "download: stalled": Fault(answer("download", service.stall(500)), **ASKED, limits=(30,), **LONG),
+    "handshake: late": Fault(answer("connect", service.slow_handshake(10)), **NEW, **LONG),
+    "handshake: never ends": Fault(lambda r: r.service.faults.update(SILENCE), **NO_START, limits=(15, 15), **LONG),
+    "name: does not resolve": Fault(unresolved, **NO_START),
+    "disk: full": Fault(full_disk),
+    "disk: close fails": Fault(failing_close),
+    "folder: read-only": Fault(lambda r: r.folder.chmod(0o555), **NOT_ASKED),
+    "folder: in the target's place": Fault(become_folder, **NOT_ASKED | {"outcomes": ["folder"]}),
+    "folder: missing": Fault(lambda r: shutil.rmtree(r.folder), **NOT_ASKED | {"outcomes": ["absent"]}),
+    "target: missing": Fault(lambda r: r.target.unlink(), **NEW),
+    "target: read-only": Fault(lambda r: r.target.chmod(0o444), **NOT_ASKED),
+    "target: another user's": Fault(of_another_user, **NOT_ASKED),
+    "target: goes on running": Fault(outlive_its_end, **NEW),
+    "killed": Fault(strike, **ANY, status=-9),
+    "display lost": Fault(lose_display, **ANY, status=1),
+    "open: fails": Fault(lambda r: sandbox.lay_tool("open", "exit 1"), **NEW),
+    "marker: pipe": Fault(pipe_as_marker, **OUTDATED),
+    "marker: endless line": Fault(lambda r: r.machine.marker.open("wb").truncate(1 << 30), **OUTDATED),
+    "marker: binary": Fault(lambda r: r.machine.marker.write_bytes(b"\xff" + random.randbytes(5000)), **OUTDATED),
 }
 for name in ("expired", "self-signed", "wrong-host"):
-    FAULTS[f"certificate: {name}"] = (lambda r, name=name: setattr(r.service, "certificate", name), NO_START)
+    FAULTS[f"certificate: {name}"] = Fault(lambda r, name=name: setattr(r.service, "certificate", name), **NO_START)
 for call in ("fsync", "chmod", "rename"):
-    FAULTS[f"disk: {call} fails"] = (failing_call(call, "EIO"), {})
+    FAULTS[f"disk: {call} fails"] = Fault(failing_call(call, "EIO"))
 for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
-    FAULTS[f"disk: no cache flush, {error}"] = (failing_call("fsync", error), NEW)
+    FAULTS[f"disk: no cache flush, {error}"] = Fault(failing_call("fsync", error), **NEW)
 for name, make in BROKEN_OFF.items():
-    FAULTS[f"download: {name}"] = (break_off("download", make), {})
-    FAULTS[f"version: {name}"] = (break_off("version", make), NO_START)
+    FAULTS[f"download: {name}"] = Fault(break_off("download", make))
+    FAULTS[f"version: {name}"] = Fault(break_off("version", make), **NO_START)
 
 
 def lay_old(target):
@@ -184,6 +251,7 @@ def begin(machine):
     """Brings the machine to where every round starts: with what a launcher killed in a download has left behind."""
     machine.service.faults = {}
     machine.service.requests.clear()
+    machine.service.waits.clear()
     machine.service.certificate = "good"
     for path in (machine.marker, machine.flag, AGENT, LOCK, machine.companion.parent):
         subprocess.run(["rm", "-rf", path], check=True)
@@ -199,12 +267,12 @@ def outcome(r):
         return "absent"
     if r.target.is_dir():
         return "folder"
-    content, status = r.target.read_bytes(), r.target.stat()
+    content = r.target.read_bytes()
     if content == OLD:
-        untouched = (status.st_mode, status.st_mtime_ns) == (0o100700, 10**18)
-        assert untouched, "the old executable's mode or times changed"
+        assert sandbox.state(r.target) == r.before, "the old executable's mode or times changed"
         return "old"
-    assert content == r.payload and status.st_mode == 0o100755, "the installed executable is damaged"
+    whole = content == r.payload and r.target.stat().st_mode == 0o100755
+    assert whole, "the installed executable is damaged"
     return "new"
 
 
@@ -212,24 +280,29 @@ def play(machine, fault):
     """One round; returns the outcome, or raises when a promise is broken."""
     begin(machine)
     with contextlib.ExitStack() as undo:
-        r = Round(machine, undo)
+        r = Round(machine, undo, fault)
         machine.offer("2.6", payload=r.payload)
-        bring_about, expected = FAULTS[fault]
-        vars(r).update(expected)
-        bring_about(r)
+        fault.bring_about(r)
+        r.before = sandbox.state(r.target) if r.target.exists() else None
         before, leftovers = snapshot(machine), staging(machine)
         launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(TOOLS)})
         if r.launched:
             threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
         until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher", ROUND_SECONDS)
-        assert launcher.poll() == r.status, f"the launcher's status is {launcher.poll()}, not {r.status}"
+        assert launcher.poll() == fault.status, f"the launcher's status is {launcher.poll()}, not {fault.status}"
         end_all("Korvane")
         launcher.wait()
 
         found, opened, downloads = outcome(r), len(sandbox.calls("open")), r.service.order().count("download")
         assert found in r.outcomes, f"the executable is {found}, not in {r.outcomes}"
-        assert r.starts in (None, opened), f"the start command ran {opened} times, not {r.starts}"
-        assert r.downloads in (None, downloads), f"the executable was asked for {downloads} times, not {r.downloads}"
+        assert fault.starts in (None, opened), f"the start command ran {opened} times, not {fault.starts}"
+        asked = fault.downloads in (None, downloads)
+        assert asked, f"the executable was asked for {downloads} times, not {fault.downloads}"
+        waits = r.service.waits
+        if fault.limits:
+            until(lambda: len(waits) == len(fault.limits), "the launcher has gone from a silent service")
+            kept = all(limit - 3 <= wait <= limit + 10 for wait, limit in zip(waits, fault.limits))
+            assert kept, f"the launcher waited for {waits} s, not {fault.limits}"
         left = staging(machine) - (leftovers if found != "new" else set())
         assert r.launched or not left, f"staging files are left: {left}"
         assert snapshot(machine) == before, "something else has changed"
@@ -267,13 +340,14 @@ def main():
     seed, rounds, worker, workers, cycles = map(int, sys.argv[1:6])
     plan = [fault for fault in sys.argv[6:] or FAULTS for _ in range(rounds)]
     random.Random(seed).shuffle(plan)
+    plan.sort(key=lambda fault: not FAULTS[fault].long)
     share = [(number, plan[number]) for number in range(worker, len(plan), workers)]
     with sandbox.Machine() as machine:
         for number, fault in share + [(worker, "supervision")]:
             random.seed(f"{seed} {number}")
             try:
                 if fault != "supervision":
-                    print(number, fault, play(machine, fault), sep="\t", flush=True)
+                    print(number, fault, play(machine, FAULTS[fault]), sep="\t", flush=True)
                 elif cycles:
                     supervise(machine, cycles)
             except BaseException:

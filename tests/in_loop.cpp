@@ -1,6 +1,7 @@
 // The launcher's OnInit from inside a running event loop, where wxExit returns; here it only notes the call, and what
 // OnInit has not prepared, so that what start-up defers must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls
-// exit(7) from inside it. With an argument there is a login window in g_dlg, which tells when it is to close.
+// exit(7) from inside it. With an argument there is a login window in g_dlg, which tells when it is to close, and a
+// thread in the slot of g_threads, which is to be joined first.
 //
 // Sleeps take no time. When all else has been torn down, the process goes on for as long as somebody else locks
 // /tmp/held: what the supervision thread uses must still be there.
@@ -43,17 +44,22 @@ class LoopApp : public wxApp {
             g_dlg->Bind(wxEVT_CLOSE_WINDOW, [](wxCloseEvent &event) {
                 std::fputs(event.CanVeto() ? "asked\n" : "told to close\n", stderr);
             });
+            g_threads[0] = std::thread([] {});
         }
         g_unix_signal_add(SIGUSR1, end, nullptr);
         g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
         g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
-        CallAfter([] { launcher->OnInit(); });
+        CallAfter([] {
+            launcher->OnInit();
+            std::fputs(g_threads[0].joinable() ? "supervised\n" : "", stderr);
+        });
         return true;
     }
     void Exit() override {
         gboolean dark = TRUE;
         g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
-        std::fprintf(stderr, "wxExit%s%s\n", dark ? ", dark" : "", wxImage::FindHandler("PNG file") ? "" : ", no PNG");
+        std::fprintf(stderr, "wxExit%s%s%s\n", dark ? ", dark" : "", wxImage::FindHandler("PNG file") ? "" : ", no PNG",
+                     g_threads[0].joinable() ? ", not joined" : "");
     }
 };
 

@@ -229,6 +229,7 @@ def end(how, status, downloads):
         until(progress, "the first bytes")
         launcher.send_signal(how)
         until(lambda: "torn down" in launcher.output.read_text(errors="replace"), "the end")
+        assert "supervised\n" in launcher.output.read_text(errors="replace"), "the thread is in its slot"
         enough = progress() + 3
         until(lambda: progress() > enough, "the thread goes on")
         fcntl.flock(held, fcntl.LOCK_UN)
