@@ -27,6 +27,14 @@ struct EasyCleanup {
 };
 using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
 
+// Name servers that do not answer count as connecting. At the limit libcurl would wait for its resolver thread, for up
+// to a minute; with CURLOPT_QUICK_EXIT(3) it leaves the thread, which ends and frees what it holds once the system's
+// resolver gives up.
+void limitConnecting(CURL *handle) {
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
+}
+
 std::size_t write_data(void *data, std::size_t size, std::size_t count, void *file) {
     return std::fwrite(data, size, count, static_cast<std::FILE *>(file));
 }
@@ -59,7 +67,7 @@ AppVersion getServiceVersion(const std::string &applicationCode) try {
     curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &answer);
     curl_easy_setopt(handle.get(), CURLOPT_VERBOSE, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.c_str());
-    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    limitConnecting(handle.get());
     curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, kVersionSeconds);
     curl_easy_setopt(handle.get(), CURLOPT_XFERINFOFUNCTION, endWhenTooLong);
     curl_easy_setopt(handle.get(), CURLOPT_XFERINFODATA, &answer);
@@ -85,7 +93,7 @@ void downloadSetup(const std::string &fileName, const std::string &target) try {
     curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, write_data);
     curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, staged.stream());
     curl_easy_setopt(handle.get(), CURLOPT_VERBOSE, 1L);
-    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    limitConnecting(handle.get());
     curl_easy_setopt(handle.get(), CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond);
     curl_easy_setopt(handle.get(), CURLOPT_LOW_SPEED_TIME, kStallSeconds);
     const CURLcode result = curl_easy_perform(handle.get());
