@@ -12,8 +12,9 @@ class wxStaticText;
 class wxTextCtrl;
 
 // A credentials window with an icon in the menu bar. It is built hidden, checks its two fields when "LogIn" is pressed,
-// hides when minimised, and stays open whatever asks it to close; only its owner destroys it. Its pictures lie beside
-// the executable; without them it looks plainer and works the same, in silence. Main thread only.
+// hides when minimised, and stays open whatever asks it to close; only its owner destroys it. On macOS nothing brings a
+// minimised window back (see KorvaneTrayIcon). Its pictures lie beside the executable; without them it looks plainer
+// and works the same, in silence. Main thread only.
 class LoginDialog : public wxFrame {
   public:
     explicit LoginDialog(wxWindow *parent);
