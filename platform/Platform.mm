@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mach-o/dyld.h>
-#include <memory>
 #include <optional>
 #include <sys/stat.h>
 
@@ -42,30 +41,6 @@ void writePathTrace(int result, const char *rawPath, std::uint32_t size) {
         return;
     dprintf(trace.get(), "ret: %d\nraw path: %s\nsize: %u\n", result, rawPath, size);
 }
-
-class RegistryObject {
-  public:
-    explicit RegistryObject(io_object_t object) : object_(object) {}
-    ~RegistryObject() {
-        if (object_)
-            IOObjectRelease(object_);
-    }
-    RegistryObject(const RegistryObject &) = delete;
-    RegistryObject &operator=(const RegistryObject &) = delete;
-    io_object_t get() const {
-        return object_;
-    }
-
-  private:
-    io_object_t object_; // 0: none
-};
-
-struct ReleaseDictionary {
-    void operator()(CFMutableDictionaryRef dictionary) const {
-        CFRelease(dictionary);
-    }
-};
-using Properties = std::unique_ptr<std::remove_pointer_t<CFMutableDictionaryRef>, ReleaseDictionary>;
 
 constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 
@@ -105,20 +80,22 @@ std::int64_t Platform::GetIdleTimeSeconds() {
     io_iterator_t matches = 0;
     if (IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOHIDSystem"), &matches) != KERN_SUCCESS)
         return 0;
-    const RegistryObject service(IOIteratorNext(matches));
+    const io_object_t service = IOIteratorNext(matches);
     IOObjectRelease(matches);
-    if (!service.get())
+    if (!service)
         return 0;
 
-    CFMutableDictionaryRef table = nullptr;
-    if (IORegistryEntryCreateCFProperties(service.get(), &table, kCFAllocatorDefault, 0) != KERN_SUCCESS)
+    CFMutableDictionaryRef properties = nullptr;
+    if (IORegistryEntryCreateCFProperties(service, &properties, kCFAllocatorDefault, 0) != KERN_SUCCESS) {
+        IOObjectRelease(service);
         return 0;
-    const Properties properties(table);
-
+    }
     std::int64_t idle = 0;
-    const void *value = CFDictionaryGetValue(properties.get(), CFSTR("HIDIdleTime"));
+    const void *value = CFDictionaryGetValue(properties, CFSTR("HIDIdleTime"));
     if (value && CFGetTypeID(value) == CFNumberGetTypeID())
         CFNumberGetValue(static_cast<CFNumberRef>(value), kCFNumberSInt64Type, &idle);
+    CFRelease(properties);
+    IOObjectRelease(service);
     return idle / kNanosecondsPerSecond;
 }
 

@@ -4,7 +4,6 @@
 #include "platform/Platform.h"
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 namespace {
@@ -22,7 +21,7 @@ bool KR_TitleCheck() try {
     if (!pipe)
         return false;
     char firstLine[32] = {};
-    return std::fgets(firstLine, sizeof firstLine, pipe.get()) && std::strlen(firstLine) > 0;
+    return std::fgets(firstLine, sizeof firstLine, pipe.get()) && firstLine[0] != '\0';
 } catch (...) {
     return true;
 }
