@@ -183,7 +183,7 @@ def lay_tools():
     """Lays the only tools that a launcher with TOOLS as its PATH finds; each call of one is noted in CALLS."""
     TOOLS.mkdir(exist_ok=True)
     for name in ("open", "pgrep", "pkill"):
-        lay_tool(name, f'exec /build/compat/{name} "$@"')
+        lay_tool(name, f'exec /source/compat/bin/{name} "$@"')
     CALLS.write_text("")
     CALLS.chmod(0o666)
 
