@@ -193,6 +193,13 @@ def chunked_cut(offset):
     return fault
 
 
+def no_length(handler, content):
+    """A good answer that ends where the connection does."""
+    handler.head(200, None)
+    handler.wfile.write(content)
+    handler.request.unwrap()
+
+
 def reset(offset):
     """A TCP reset after so many bytes."""
 

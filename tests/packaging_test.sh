@@ -23,11 +23,6 @@ prefix=$PWD/toolkit
 printf '#!/bin/sh\nexec wx-config --prefix=%s --exec-prefix=%s "$@"\n' "$prefix" "$prefix" >toolkit/bin/wx-config
 # shellcheck disable=SC2016
 printf '#!/bin/sh\necho "$@" >>%s/signed\ncase $1 in --verify) exit $STATUS ;; esac\n' "$PWD" >tools/codesign
-cat >tools/pkgbuild <<'END'
-#!/bin/sh
-[ "$1" = --analyze ] || exec cat "$2" "$5"
-printf '<key>BundleIsRelocatable</key>\n<true/>\n' >"$4"
-END
 chmod +x toolkit/bin/wx-config tools/*
 
 target=/opt/korvane-packaging-test
@@ -44,7 +39,7 @@ done
 
 # What a signature can seal: code alone where code belongs, and links that lead nowhere else.
 check_layout() {
-    local contents file property
+    local contents file
     contents=$(realpath "$1/Korvane.app/Contents")
     [ "$(ls "$1")" = $'KR.app\nKorvane\nKorvane.app' ]
     find "$contents" -type l | while read -r file; do
@@ -56,19 +51,29 @@ check_layout() {
     done
     [ "$(find "$contents/MacOS" -type l -printf '%f\n' | sort)" = $'Korvane.bmp\nKorvane.version\noffline.png' ]
     [ "$(cat "$contents/MacOS/Korvane.version")" = "$version" ]
-    for property in "LSUIElement</key><true/>" "LSAppNapIsDisabled</key><true/>" "Region</key><string>en<" \
-        "IconFile</key><string>Korvane<" "Copyright</key><string>Copyright ©" "BundleVersion</key><string>$version<" \
-        "VersionString</key><string>$version<" "SystemVersion</key><string>26.0<" ">com.mervix.korvane<"; do
-        grep -qF "$property" "$contents/Info.plist"
-    done
+    python3 - "$contents/Info.plist" "$version" <<'END'
+import plistlib, sys
+properties, version = plistlib.load(open(sys.argv[1], "rb")), sys.argv[2]
+assert properties["NSHumanReadableCopyright"].startswith("Copyright ©")
+assert properties["LSUIElement"] is properties["LSAppNapIsDisabled"] is True
+assert properties["CFBundleVersion"] == properties["CFBundleShortVersionString"] == version
+expected = {"CFBundleIdentifier": "com.mervix.korvane", "CFBundleIconFile": "Korvane"}
+expected |= {"CFBundleDevelopmentRegion": "en", "LSMinimumSystemVersion": "26.0"}
+assert properties.items() >= expected.items(), properties
+END
     [ -x "$1/KR.app/Contents/MacOS/KR" ]
     [[ $(<"$contents/Info.plist") == *"Executable</key>"$'\n'"  <string>Korvane<"* ]] # for fixup_bundle
 }
 check_layout "$installed"
 
-# A bundle stays where the package lays it.
-PATH=$PWD/tools:$PATH "$source/packaging/pkgbuild" --root . /dev/null | grep -F '<false/>'
-if PATH=$PWD/tools:$PATH "$source/packaging/pkgbuild" --root . missing; then exit 1; fi
+# Installer installs each bundle where the package says, also over a newer one.
+python3 - <<'END'
+import plistlib
+bundles = plistlib.load(open("build/packaging/components.plist", "rb"))
+for name, bundle in zip(("Korvane.app", "KR.app"), bundles, strict=True):
+    assert bundle["RootRelativeBundlePath"] == f"Applications/{name}", bundle
+    assert bundle["BundleIsRelocatable"] is bundle["BundleIsVersionChecked"] is False, bundle
+END
 
 sign() {
     : >signed
@@ -77,7 +82,7 @@ sign() {
 sign "Developer ID" 0
 options="--force --sign Developer ID --options runtime --timestamp"
 diff signed - <<EXPECTED
-$(printf '%s\n' "$installed"/Korvane.app/Contents/Frameworks/* | sed "s|^|$options |")
+$(find "$installed/Korvane.app/Contents/Frameworks" -type f | sort | sed "s|^|$options |")
 $options --identifier com.mervix.korvane.log-in $installed/Korvane
 $options $installed/Korvane.app
 --verify --strict --verbose=2 $installed/Korvane

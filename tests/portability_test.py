@@ -41,8 +41,8 @@ def problems(name, text):
 found = [
     f"{path.relative_to(ROOT)}: {problem}"
     for folder in FOLDERS
-    for path in sorted((ROOT / folder).glob("*.*"))
-    if path.is_file()
+    for path in sorted((ROOT / folder).iterdir())
+    if path.suffix in (".cpp", ".h", ".mm")
     for problem in problems(str(path.relative_to(ROOT)), path.read_text())
 ]
 print("\n".join(found))
