@@ -3,8 +3,8 @@
     desktop.py PROGRAM [ARGUMENT...]
 
 The desktop's settings ask for dark windows, twice over: by preference and by a theme of the name "Night-dark". The
-program runs from a folder of its own, with the launcher's pictures beside it. Runs inside sandbox/enter; the exit
-status is the program's.
+program runs from a folder of its own, with the launcher's pictures beside it. Pictures that it leaves in its current
+folder go to /out. Runs inside sandbox/enter; the exit status is the program's.
 """
 import contextlib
 import os
@@ -86,4 +86,6 @@ if __name__ == "__main__":
     with desktop() as environment:
         command = [install(sys.argv[1]), *sys.argv[2:]]
         result = subprocess.run(command, env=environment, cwd=machine.HOME, **machine.AS_ALICE)
+        for picture in machine.HOME.glob("*.png"):
+            shutil.copy(picture, "/out")
     sys.exit(result.returncode)

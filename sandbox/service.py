@@ -11,14 +11,13 @@ import socket
 import socketserver
 import struct
 import threading
-import time
 
-PATH = "/korvane/korvane/projectMenu/self/shared/"
-VERSION_PATH = PATH + "GetVersion_SrvAsync"
+FOLDER = "/korvane/korvane/projectMenu/self/shared/"
+VERSION_PATH = FOLDER + "GetVersion_SrvAsync"
+DOWNLOAD_PATH = FOLDER + "FileDownloader_SrvAsync?p=download+Setup&u=BLANK&f="
 MOVED_PATH = "/moved"
-DOWNLOAD_PATH = PATH + "FileDownloader_SrvAsync?p=download+Setup&u=BLANK&f="
 
-Request = collections.namedtuple("Request", "time what method path body headers")
+Request = collections.namedtuple("Request", "what method path body headers")
 
 
 class Service:
@@ -38,44 +37,35 @@ class Service:
         self.faults = {}
         self.requests = []
         self.waits = []
-        self.changed = threading.Condition()
-        self.ending = threading.Event()
         self.moved = b""
-        self.server = None
+        self.came = threading.Condition()
+        self.ending = threading.Event()
 
     def __enter__(self):
-        self.listen(True)
+        self.server = _Server(self)
+        threading.Thread(target=self.server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True).start()
         return self
 
     def __exit__(self, *_):
         self.ending.set()
-        self.listen(False)
+        self.server.shutdown()
+        self.server.server_close()
 
-    def listen(self, on):
-        """Accepts connections from now on, or refuses them; those that are open go on."""
-        if on and not self.server:
-            self.server = _Server(self)
-            threading.Thread(target=self.server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True).start()
-        elif not on and self.server:
-            self.server.shutdown()
-            self.server.server_close()
-            self.server = None
+    def change(self, **changes):
+        """Sets these attributes, which must exist."""
+        assert changes.keys() <= vars(self).keys(), changes
+        vars(self).update(changes)
 
     def note(self, request):
-        with self.changed:
+        with self.came:
             self.requests.append(request)
-            self.changed.notify_all()
+            self.came.notify_all()
 
-    def wait_for(self, what, count=1, timeout=100):
-        """Waits until this many requests of the kind ("KR_CAP", "Korvane_CAP", "download") have come; returns them."""
-
-        def found():
-            return [request for request in self.requests if request.what == what]
-
-        with self.changed:
-            if not self.changed.wait_for(lambda: len(found()) >= count, timeout):
-                raise TimeoutError(f"no request {count} for {what} in {timeout} s; so far {self.order()}")
-            return found()
+    def wait_for(self, what, count=1):
+        """Waits until this many requests of the kind ("KR_CAP", "Korvane_CAP", "download") have come."""
+        with self.came:
+            if not self.came.wait_for(lambda: self.order().count(what) >= count, 100):
+                raise TimeoutError(f"no request {count} for {what}; so far {self.order()}")
 
     def order(self):
         return [request.what for request in self.requests]
@@ -117,7 +107,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.answer("download", "download", "", self.service.payload)
 
     def answer(self, kind, what, body, content):
-        self.service.note(Request(time.monotonic(), what, self.command, self.path, body, dict(self.headers)))
+        self.service.note(Request(what, self.command, self.path, body, dict(self.headers)))
         fault = self.service.faults.get(kind)
         if self.path == MOVED_PATH:
             self.send(200, self.service.moved)
@@ -141,58 +131,71 @@ class _Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Content-Length", str(length))
         self.end_headers()
 
+    def begin(self, content, offset):
+        """A good answer's head and its first bytes."""
+        self.head(200, len(content))
+        self.wfile.write(content[:offset])
 
-# Faults: each returns a function that takes the handler and the content that a good answer would have.
+    def wait_until_gone(self):
+        self.request.settimeout(1)
+        seconds = 0
+        while not self.service.ending.is_set():
+            try:
+                if not self.request.recv(4096):
+                    break
+            except TimeoutError:
+                seconds += 1
+            except OSError:
+                break
+        self.service.waits.append(seconds)
 
 
-def status(number, **headers):
+def fault(function):
+    """Lets cut(1000) stand for a cut, to come, after 1000 bytes: for a function of the handler and a good answer."""
+    return lambda *details, **changes: lambda handler, content: function(handler, content, *details, **changes)
+
+
+@fault
+def status(handler, content, number):
     """Another status, with the same content as its body."""
-    return lambda handler, content: handler.send(number, content, **headers)
+    handler.send(number, content)
 
 
-def body(text):
+@fault
+def body(handler, content, text):
     """A good answer with another body."""
-    return lambda handler, content: handler.send(200, text)
+    handler.send(200, text)
 
 
-def and_then(fault, **changes):
-    """This fault, and a service that is otherwise from then on."""
-
-    def change(handler, content):
-        vars(handler.service).update(changes)
-        fault(handler, content)
-
-    return change
+@fault
+def and_then(handler, content, **changes):
+    """A good answer, and a service that is otherwise from then on."""
+    handler.service.change(**changes)
+    handler.send(200, content)
 
 
+@fault
 def redirect(handler, content):
     """A redirect to an address where the good answer is."""
     handler.service.moved = content
     handler.send(302, b"", Location=MOVED_PATH)
 
 
-def cut(offset):
+@fault
+def cut(handler, content, offset):
     """The promised length, but the connection is closed in good order after so many bytes."""
-
-    def fault(handler, content):
-        handler.head(200, len(content))
-        handler.wfile.write(content[:offset])
-        handler.wfile.flush()
-        handler.request.unwrap()
-
-    return fault
+    handler.begin(content, offset)
+    handler.request.unwrap()
 
 
-def chunked_cut(offset):
+@fault
+def chunked_cut(handler, content, offset):
     """Chunks, of which the last ones never come."""
-
-    def fault(handler, content):
-        handler.head(200, None, **{"Transfer-Encoding": "chunked"})
-        handler.wfile.write(b"%x\r\n" % len(content) + content[:offset])
-
-    return fault
+    handler.head(200, None, **{"Transfer-Encoding": "chunked"})
+    handler.wfile.write(b"%x\r\n" % len(content) + content[:offset])
 
 
+@fault
 def no_length(handler, content):
     """A good answer that ends where the connection does."""
     handler.head(200, None)
@@ -200,83 +203,56 @@ def no_length(handler, content):
     handler.request.unwrap()
 
 
-def reset(offset):
+@fault
+def reset(handler, content, offset):
     """A TCP reset after so many bytes."""
-
-    def fault(handler, content):
-        handler.head(200, len(content))
-        handler.wfile.write(content[:offset])
-        handler.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        handler.request.close()
-
-    return fault
+    handler.begin(content, offset)
+    handler.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    handler.request.close()
 
 
-def stall(offset):
+@fault
+def stall(handler, content, offset):
     """Silence after so many bytes, until the service ends or the client goes."""
-
-    def fault(handler, content):
-        handler.head(200, len(content))
-        handler.wfile.write(content[:offset])
-        handler.wfile.flush()
-        _until_gone(handler)
-
-    return fault
+    handler.begin(content, offset)
+    handler.wait_until_gone()
 
 
-def pause(seconds, offset=0):
+@fault
+def pause(handler, content, seconds, offset=0):
     """A good answer with a pause after so many bytes."""
-
-    def fault(handler, content):
-        handler.head(200, len(content))
-        handler.wfile.write(content[:offset])
-        handler.service.ending.wait(seconds)
-        handler.wfile.write(content[offset:])
-
-    return fault
+    handler.begin(content, offset)
+    handler.service.ending.wait(seconds)
+    handler.wfile.write(content[offset:])
 
 
-def trickle(bytes_per_second):
+@fault
+def trickle(handler, content, bytes_per_second):
     """A good answer that comes slowly."""
-
-    def fault(handler, content):
-        handler.head(200, len(content))
-        step = bytes_per_second // 2
-        for begin in range(0, len(content), step):
-            handler.wfile.write(content[begin : begin + step])
-            if handler.service.ending.wait(0.5):
-                return
-
-    return fault
+    handler.begin(content, 0)
+    step = bytes_per_second // 2
+    for offset in range(0, len(content), step):
+        handler.wfile.write(content[offset : offset + step])
+        if handler.service.ending.wait(0.5):
+            return
 
 
-def endless(handler, _):
+@fault
+def endless(handler, content):
     """An answer without end."""
     handler.head(200, None)
     while not handler.service.ending.wait(0.001):  # fast, yet not so fast that it fills the sandbox at once
         handler.wfile.write(b"9" * 16384)
 
 
-def slow_handshake(seconds):
-    """A connection that is accepted and answered late."""
-    return lambda handler, _: handler.service.ending.wait(seconds)
+@fault
+def late_handshake(handler, _, seconds):
+    """A connection that is accepted, and answered late."""
+    handler.service.ending.wait(seconds)
 
 
-def silent_handshake(handler, _):
-    """A connection that is accepted and then left alone."""
-    _until_gone(handler)
+@fault
+def no_handshake(handler, _):
+    """A connection that is accepted, and then left alone."""
+    handler.wait_until_gone()
     raise ConnectionError
-
-
-def _until_gone(handler):
-    handler.request.settimeout(1)
-    seconds = 0
-    while not handler.service.ending.is_set():
-        try:
-            if not handler.request.recv(4096):
-                break
-        except TimeoutError:
-            seconds += 1
-        except OSError:
-            break
-    handler.service.waits.append(seconds)

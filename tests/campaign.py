@@ -1,9 +1,9 @@
-"""The fault campaign, inside a sandbox: a table of faults, and the promises that hold after every round.
+"""A round of the fault campaign, on a machine of its own: one fault, and the promises that hold whatever happens.
 
-    campaign.py SEED ROUNDS WORKER WORKERS CYCLES [FAULT...]
+    campaign.py SEED FAULT
 
-Plays this worker's share of ROUNDS rounds of every fault or of these, then CYCLES supervision cycles in one launcher,
-and writes a line for each. Stops at the first broken promise with exit status 1. script/torture runs it.
+Prints what has become of the installed executable; ends with status 1 and the reason when a promise is broken. The same
+seed plays the same round. script/campaign plays them all.
 """
 import contextlib
 import dataclasses
@@ -17,17 +17,16 @@ import subprocess
 import sys
 import threading
 import time
-import traceback
 import typing
 
 import machine as sandbox
 import service
-from machine import AGENT, LOCK, TOOLS, companions, end_all, own, until
+import tools
+from machine import AGENT, LOCK, until
 
 ETC = pathlib.Path("/etc")
 OLD = sandbox.companion_program("2.5")
 ROUND_SECONDS = 110  # the mandated pauses and the longest waits, one after the other, with room to spare
-BROKEN = "BROKEN\t"  # what the report of a broken promise begins with
 PEAK_KIB = 160 * 1024  # of memory: more than a launcher takes, less than what it is offered
 
 
@@ -50,20 +49,12 @@ class Round:
     command = None  # what starts the launcher, if not its own path
     launched = None  # what happens to the launcher while it runs
 
-    def __init__(self, machine, undo, fault):
-        self.machine, self.undo, self.service = machine, undo.callback, machine.service
-        self.outcomes = fault.outcomes
+    def __init__(self, machine, fault):
+        self.machine, self.service, self.outcomes = machine, machine.service, fault.outcomes
         self.payload = sandbox.companion_program("2.6", random.choice([700, random.randrange(1000, 400_000)]))
         self.offset = random.randrange(len(self.payload))
         self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
-
-    def replace(self, path, text):
-        """Replaces a file of the system's for this round."""
-        old = path.read_text() if path.exists() else ""
-        path.unlink(missing_ok=True)
-        path.write_text(text)
-        self.undo(path.write_text, old)
 
 
 def answer(what, fault):
@@ -95,21 +86,16 @@ def of_size(size, what, fault=None):
     return bring_about
 
 
-def unresolved(r):
-    r.replace(ETC / "hosts", "")
-
-
 def silent_name_servers(r):
     """The system's resolver asks them for almost a minute; start-up is complete when half of that is over."""
     addresses = [f"127.0.0.{number}" for number in (2, 3, 4)]
     servers = [socket.socket(type=socket.SOCK_DGRAM) for _ in addresses]
     for server, address in zip(servers, addresses):
-        r.undo(server.close)
         server.bind((address, 53))
         server.setblocking(False)
-    r.replace(ETC / "nsswitch.conf", "hosts: dns\n")
-    r.replace(ETC / "resolv.conf", "search elsewhere.example\nnameserver " + "\nnameserver ".join(addresses))
-
+    (ETC / "nsswitch.conf").write_text("hosts: dns\n")
+    (ETC / "resolv.conf").unlink(missing_ok=True)
+    (ETC / "resolv.conf").write_text("search elsewhere.example\nnameserver " + "\nnameserver ".join(addresses))
     queries = []
 
     def complete():
@@ -127,8 +113,7 @@ def silent_name_servers(r):
 def full_disk(r):
     size = 4096 * random.randrange(1, len(r.payload) // 4096 + 3)
     subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000", "none", r.folder], check=True)
-    r.undo(subprocess.run, ["umount", "-l", r.folder], check=True)
-    lay_old(r.target)
+    install_old(r.target)
     r.outcomes = ["new" if size >= len(r.payload) else "old"]
 
 
@@ -157,7 +142,7 @@ def become_folder(r):
 
 
 def of_another_user(r):
-    """In a folder where anybody may lay files, and only a file's owner may replace it."""
+    """In a folder where anybody may put files, and only a file's owner may replace it."""
     os.chown(r.folder, 0, 0)
     os.chown(r.target, 0, 0)
     r.folder.chmod(0o1777)
@@ -165,7 +150,7 @@ def of_another_user(r):
 
 def outlive_its_end(r):
     """A program that goes on running cannot be opened for writing, only replaced."""
-    (TOOLS / "pkill").unlink()
+    (tools.PATH / "pkill").unlink()
     shutil.copy("/usr/bin/sleep", r.target)
     r.machine.start([r.target, "1000"])
 
@@ -203,14 +188,13 @@ NOT_ASKED = {"downloads": 0}
 NO_START = {"starts": 0}
 LONG = {"long": True}
 ANY = {"outcomes": ["old", "new"], "starts": None}
-GOOD = service.status(200)
-SILENCE = {"connect": service.silent_handshake}
+SILENCE = {"connect": service.no_handshake()}
 BROKEN_OFF = {"reset": service.reset, "cut": service.cut, "chunked": service.chunked_cut}
 
 
 def changed(**changes):
     """A version, and a service that is otherwise from then on."""
-    return answer("version", service.and_then(GOOD, **changes))
+    return answer("version", service.and_then(**changes))
 
 
 FAULTS = {
@@ -218,23 +202,23 @@ FAULTS = {
     "version: late": Fault(answer("version", service.pause(20)), **NEW, **LONG),
     "version: long": Fault(of_size(60 << 10, "version"), **NEW),
     "version: too long": Fault(of_size(1 << 20, "version"), **NO_START),
-    "version: endless": Fault(answer("version", service.endless), **NO_START),
-    "version: redirect": Fault(break_off("version", lambda _: service.redirect), **NO_START),
+    "version: endless": Fault(answer("version", service.endless()), **NO_START),
+    "version: redirect": Fault(break_off("version", lambda _: service.redirect()), **NO_START),
     "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30), **LONG),
     "version: error with a version": Fault(answer("version", service.status(500)), **NEW),
     "download: empty": Fault(answer("download", service.body(b""))),
     "download: pauses": Fault(of_size(50_000, "download", service.pause(20, 5000)), **NEW),
-    "download: slow": Fault(of_size(140_000, "download", service.trickle(2048)), **NEW, **LONG),
+    "download: slow": Fault(of_size(126_000, "download", service.trickle(2048)), **NEW, **LONG),
     "download: too slow": Fault(of_size(50_000, "download", service.trickle(512)), **LONG),
-    "download: redirect": Fault(answer("download", service.redirect), **ASKED),
+    "download: redirect": Fault(answer("download", service.redirect()), **ASKED),
     "download: partial": Fault(answer("download", service.status(206))),
     "download: wrong host": Fault(changed(certificate="wrong-host"), **NOT_ASKED),
     "download: self-signed": Fault(changed(certificate="self-signed"), **NOT_ASKED),
     "download: no handshake": Fault(changed(faults=SILENCE), **NOT_ASKED, limits=(15, 15), **LONG),
     "download: stalled": Fault(answer("download", service.stall(500)), **ASKED, limits=(30,), **LONG),
-    "handshake: late": Fault(answer("connect", service.slow_handshake(10)), **NEW, **LONG),
+    "handshake: late": Fault(answer("connect", service.late_handshake(10)), **NEW, **LONG),
     "handshake: never ends": Fault(lambda r: r.service.faults.update(SILENCE), **NO_START, limits=(15, 15), **LONG),
-    "name: does not resolve": Fault(unresolved, **NO_START),
+    "name: does not resolve": Fault(lambda r: (ETC / "hosts").write_text(""), **NO_START),
     "name: servers are silent": Fault(silent_name_servers, **NO_START, **LONG),
     "disk: full": Fault(full_disk),
     "disk: close fails": Fault(failing_close),
@@ -247,7 +231,7 @@ FAULTS = {
     "target: goes on running": Fault(outlive_its_end, **NEW),
     "killed": Fault(strike, **ANY, status=-9),
     "display lost": Fault(lose_display, **ANY, status=1),
-    "open: fails": Fault(lambda r: sandbox.lay_tool("open", "exit 1"), **NEW),
+    "open: fails": Fault(lambda r: tools.replace("open", "exit 1"), **NEW),
     "marker: pipe": Fault(pipe_as_marker, **OUTDATED),
     "marker: endless line": Fault(lambda r: r.machine.marker.open("wb").truncate(1 << 30), **OUTDATED),
     "marker: binary": Fault(lambda r: r.machine.marker.write_bytes(b"\xff" + random.randbytes(5000)), **OUTDATED),
@@ -263,11 +247,11 @@ for name, make in BROKEN_OFF.items():
     FAULTS[f"version: {name}"] = Fault(break_off("version", make), **NO_START)
 
 
-def lay_old(target):
+def install_old(target):
     target.write_bytes(OLD)
     target.chmod(0o700)
     os.utime(target, ns=(10**18, 10**18))
-    own(target.parent)
+    sandbox.own(target.parent)
 
 
 def snapshot(machine):
@@ -280,114 +264,56 @@ def staging(machine):
     return set(machine.folder.rglob("*.download.*"))
 
 
-def begin(machine):
-    """Brings the machine to where every round starts: with what a launcher killed in a download has left behind."""
-    machine.service.faults = {}
-    machine.service.requests.clear()
-    machine.service.waits.clear()
-    machine.service.certificate = "good"
-    for path in (machine.marker, machine.flag, AGENT, LOCK, machine.companion.parent):
-        subprocess.run(["rm", "-rf", path], check=True)
-    machine.marker.write_text("2.5\n")
-    sandbox.lay_tools()
-    machine.companion.parent.mkdir()
-    machine.companion.with_name("KR.download.killed").write_bytes(OLD[:300])
-    lay_old(machine.companion)
-
-
-def outcome(r):
+def outcome(r, before):
     if not r.target.exists():
         return "absent"
     if r.target.is_dir():
         return "folder"
     content = r.target.read_bytes()
     if content == OLD:
-        assert sandbox.state(r.target) == r.before, "the old executable's mode or times changed"
+        assert sandbox.state(r.target) == before, "the old executable's mode or times changed"
         return "old"
-    whole = content == r.payload and r.target.stat().st_mode == 0o100755
-    assert whole, "the installed executable is damaged"
+    assert content == r.payload and r.target.stat().st_mode == 0o100755, "the installed executable is damaged"
     return "new"
 
 
 def play(machine, fault):
     """One round; returns the outcome, or raises when a promise is broken."""
-    begin(machine)
-    with contextlib.ExitStack() as undo:
-        r = Round(machine, undo, fault)
-        machine.offer("2.6", payload=r.payload)
-        fault.bring_about(r)
-        r.before = sandbox.state(r.target) if r.target.exists() else None
-        before, leftovers = snapshot(machine), staging(machine)
-        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(TOOLS)})
-        if r.launched:
-            threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
-        until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher", ROUND_SECONDS)
-        assert launcher.poll() == fault.status, f"the launcher's status is {launcher.poll()}, not {fault.status}"
-        end_all("Korvane")
-        launcher.wait()
+    tools.install()
+    machine.companion.with_name("KR.download.killed").write_bytes(OLD[:300])  # what a killed launcher leaves
+    install_old(machine.companion)
+    r = Round(machine, fault)
+    machine.offer("2.6", payload=r.payload)
+    fault.bring_about(r)
+    target = r.target.exists() and sandbox.state(r.target)
+    before, leftovers = snapshot(machine), staging(machine)
+    launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(tools.PATH)})
+    if r.launched:
+        threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
+    until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher", ROUND_SECONDS)
+    assert launcher.poll() == fault.status, f"the launcher's status is {launcher.poll()}, not {fault.status}"
+    sandbox.end_all("Korvane")
+    launcher.wait()
 
-        found, opened, downloads = outcome(r), len(sandbox.calls("open")), r.service.order().count("download")
-        assert found in r.outcomes, f"the executable is {found}, not in {r.outcomes}"
-        assert fault.starts in (None, opened), f"the start command ran {opened} times, not {fault.starts}"
-        asked = fault.downloads in (None, downloads)
-        assert asked, f"the executable was asked for {downloads} times, not {fault.downloads}"
-        waits = r.service.waits
-        if fault.limits:
-            until(lambda: len(waits) == len(fault.limits), "the launcher has gone from a silent service")
-            kept = all(limit - 3 <= wait <= limit + 10 for wait, limit in zip(waits, fault.limits))
-            assert kept, f"the launcher waited for {waits} s, not {fault.limits}"
-        left = staging(machine) - (leftovers if found != "new" else set())
-        assert r.launched or not left, f"staging files are left: {left}"
-        assert snapshot(machine) == before, "something else has changed"
-        peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-        assert peak < PEAK_KIB, f"a launcher took {peak} KiB of memory"
-        end_all("KR")
-        return found
-
-
-def supervise(machine, cycles):
-    """One launcher through many cycles in quick time, each with a companion that died and a download fault."""
-    begin(machine)
-    machine.offer("2.6", payload=sandbox.companion_program("2.6", 50_000))
-    kinds = [service.reset(700), service.cut(700), service.status(500), service.body(b""), None]
-    launcher = machine.launch(quickly=True, environment=machine.environment | {"PATH": str(TOOLS)})
-    usage = []
-    for cycle in range(cycles):
-        machine.service.faults["download"] = random.choice(kinds)
-        until(lambda: len(sandbox.calls("open")) == cycle + 1, "the start command runs after every download")
-        until(companions, "the companion runs")
-        # While it runs the launcher only sleeps, reads the flag and probes: little that it holds comes and goes.
-        status = pathlib.Path(f"/proc/{launcher.pid}/status").read_text()
-        memory = sum(int(line.split()[1]) for line in status.splitlines() if line.startswith(("RssAnon", "VmData")))
-        usage.append((memory, len(os.listdir(f"/proc/{launcher.pid}/fd"))))
-        end_all("KR")
-        print(cycle, "supervision cycle", "started again", sep="\t", flush=True)
-    settled, last = usage[len(usage) // 4], usage[-1]
-    kept = last[0] <= settled[0] + 4096 and last[1] <= settled[1] + 3
-    assert kept, f"memory or descriptors grow: {settled} to {last}"
-    machine.flag.write_text("1\n")
-    assert launcher.wait(60) == 0, "the flag ends the launcher with 0"
-
-
-def main():
-    seed, rounds, worker, workers, cycles = map(int, sys.argv[1:6])
-    plan = [fault for fault in sys.argv[6:] or FAULTS for _ in range(rounds)]
-    random.Random(seed).shuffle(plan)
-    plan.sort(key=lambda fault: not FAULTS[fault].long)
-    share = [(number, plan[number]) for number in range(worker, len(plan), workers)]
-    with sandbox.Machine() as machine:
-        for number, fault in share + [(worker, "supervision")]:
-            random.seed(f"{seed} {number}")
-            try:
-                if fault != "supervision":
-                    print(number, fault, play(machine, FAULTS[fault]), sep="\t", flush=True)
-                elif cycles:
-                    supervise(machine, cycles)
-            except BaseException:
-                print(f"{BROKEN}seed {seed}, round {number}: {fault}\n{traceback.format_exc()}", flush=True)
-                return 1
-    return 0
+    found, starts, downloads = outcome(r, target), len(tools.calls("open")), r.service.order().count("download")
+    assert found in r.outcomes, f"the executable is {found}, not in {r.outcomes}"
+    assert fault.starts in (None, starts), f"the start command ran {starts} times, not {fault.starts}"
+    asked = fault.downloads in (None, downloads)
+    assert asked, f"the executable was asked for {downloads} times, not {fault.downloads}"
+    waits = r.service.waits
+    if fault.limits:
+        until(lambda: len(waits) == len(fault.limits), "the launcher has gone from a silent service")
+        kept = all(limit - 3 <= wait <= limit + 10 for wait, limit in zip(waits, fault.limits))
+        assert kept, f"the launcher waited for {waits} s, not {fault.limits}"
+    left = staging(machine) - (leftovers if found != "new" else set())
+    assert r.launched or not left, f"staging files are left: {left}"
+    assert snapshot(machine) == before, "something else has changed"
+    peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+    assert peak < PEAK_KIB, f"a launcher took {peak} KiB of memory"
+    return found
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    random.seed(sys.argv[1])
+    with sandbox.Machine() as machine:
+        print(play(machine, FAULTS[sys.argv[2]]))

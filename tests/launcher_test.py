@@ -1,8 +1,9 @@
 """The built launcher, from its bundle, against a real service and real processes. Runs inside sandbox/enter.
 
-    launcher_test.py NAME
+    launcher_test.py NAME [ARGUMENT...]
 """
 import fcntl
+import os
 import pathlib
 import plistlib
 import re
@@ -13,8 +14,8 @@ import sys
 
 import service
 from machine import AGENT, HOME, LOCK, PATH_TRACE, Machine
-from machine import companion_program, companions, processes, state, steps, until
-
+from machine import companion_program, companions, end_all, processes, state, until
+from steps import steps
 
 AGENT_TEXT = """<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
@@ -182,14 +183,14 @@ def test_outdated_launcher_ends_itself():
 
         # Inside a running event loop wxExit returns: the window is told, the loop ends, and nothing more is started.
         use_in_loop(machine)
-        launcher = machine.launch(command=[str(machine.launcher_path), "window"])
+        launcher = machine.launch(command=[machine.launcher_path, "window"])
         assert launcher.wait(60) == 0
         told = [line for line in launcher.output.read_text().splitlines() if line.startswith(("wxExit", "told"))]
         assert told == ["wxExit", "told to close"], told
         assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] * 2 and not AGENT.exists()
 
 
-def test_archive_runs_anywhere_without_the_toolkit_installed():
+def test_archive_runs_anywhere_without_wxwidgets_installed():
     (archive,) = pathlib.Path("/build/packaging").glob("Korvane-*.tar.gz")
     subprocess.run(["tar", "-xf", archive, "-C", "/tmp"], check=True)
     for library in pathlib.Path("/usr/lib").glob("*/libwx_*"):
@@ -201,6 +202,25 @@ def test_archive_runs_anywhere_without_the_toolkit_installed():
         launcher = machine.launch(machine.login_program)
         until(companions, "the companion runs")
         assert machine.companion.read_bytes() == machine.service.payload and launcher.poll() is None
+
+
+def test_cycles_leave_memory_and_descriptors_as_they_were(cycles="8"):
+    failing = [service.reset(700), service.cut(700), service.status(500), service.body(b"")]
+    with Machine() as machine:
+        machine.offer("2.6", payload=companion_program("2.6", 50_000))
+        launcher = machine.launch(quickly=True)
+        usage = []
+        for cycle in range(int(cycles)):
+            machine.service.faults["download"] = failing[cycle % 4] if cycle % 5 else None
+            machine.service.wait_for("download", cycle + 1)
+            until(companions, "the companion runs")
+            # While it runs the launcher only sleeps, reads the flag and probes: little that it holds comes and goes.
+            status = pathlib.Path(f"/proc/{launcher.pid}/status").read_text().splitlines()
+            kib = sum(int(line.split()[1]) for line in status if line.startswith(("RssAnon", "VmData")))
+            usage.append((kib, len(os.listdir(f"/proc/{launcher.pid}/fd"))))
+            end_all("KR")
+        settled, last = usage[len(usage) // 4], usage[-1]
+        assert last[0] <= settled[0] + 4096 and last[1] <= settled[1] + 3, usage
 
 
 def use_in_loop(machine):
@@ -217,7 +237,7 @@ def end(how, status, downloads):
         launcher = machine.launch()
         machine.service.wait_for("KR_CAP", 3)
         if downloads:
-            machine.service.faults["download"] = service.endless
+            machine.service.faults["download"] = service.endless()
             machine.offer("2.6")
 
         def progress():
@@ -255,7 +275,7 @@ def test_end_by_exit_while_downloading():
 
 if __name__ == "__main__":
     try:
-        globals()["test_" + sys.argv[1]]()
+        globals()["test_" + sys.argv[1]](*sys.argv[2:])
     except BaseException:
         for trace in sorted(pathlib.Path("/tmp").glob("trace*")):
             print(f"{trace}:\n{trace.read_text(errors='replace')[-3000:]}", file=sys.stderr)

@@ -26,7 +26,8 @@ printf '#!/bin/sh\necho "$@" >>%s/signed\ncase $1 in --verify) exit $STATUS ;; e
 chmod +x toolkit/bin/wx-config tools/*
 
 target=/opt/korvane-packaging-test
-cmake --fresh -S "$source" -B build -G Ninja -DBUILD_TESTING=OFF -DKORVANE_COMPANION="$source/sandbox/KR.app/" \
+cmake --fresh -S "$source" -B build -G Ninja -DBUILD_TESTING=OFF -DCMAKE_UNITY_BUILD=ON \
+    -DKORVANE_COMPANION="$source/sandbox/KR.app/" \
     -DwxWidgets_CONFIG_EXECUTABLE="$prefix/bin/wx-config"
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/CMakeCache.txt)
 cmake --build build

@@ -118,34 +118,28 @@ def test_release_is_made_in_order_or_not_at_all():
 
 
 def test_check_service_tells_what_the_launcher_makes_of_it():
-    def check(machine):
-        done = subprocess.run(
-            ["/source/script/check-service", "service.korvane.example"], capture_output=True, text=True
-        )
-        wrong = [line for line in done.stdout.splitlines() if line.startswith("WRONG")]
-        assert done.returncode == bool(wrong), done
-        return "\n".join(wrong)
-
     program = bytes.fromhex("cffaedfe0c000001") + b"..."
+    table = [
+        ([], {}),
+        (["expired"] * 3, {"certificate": "expired"}),
+        (["status 500"] * 2, {"faults": {"version": service.status(500)}}),
+        (["no redirect", "read 0.0"] * 2, {"faults": {"version": service.redirect()}}),
+        (["no redirect"], {"faults": {"download": service.redirect()}}),
+        (["reads 04"] * 2, {"faults": {"version": service.body(b"404 page not found")}}),
+        (["read 0.0"] * 2, {"faults": {"version": service.body(b"2.6.0.0")}}),
+        (["neither a length nor chunks"], {"faults": {"download": service.no_length()}}),
+        (["no executable for arm64"], {"payload": b"#!/bin/sh"}),
+    ]
     with Machine() as machine:
-        vendor = machine.service
-        good = {"certificate": "good", "faults": {}, "payload": program}
-        table = [
-            ({}, []),
-            ({"certificate": "expired"}, ["expired", "expired", "expired"]),
-            ({"faults": {"version": service.status(500)}}, ["status 500"] * 2),
-            ({"faults": {"version": service.redirect, "download": service.redirect}}, ["no redirect"] * 3),
-            ({"faults": {"version": service.body(b"404 page not found")}}, ["reads 04"] * 2),
-            ({"faults": {"version": service.body(b"2.6.0.0")}}, ["read 0.0"] * 2),
-            ({"faults": {"download": service.no_length}}, ["neither a length nor chunks"]),
-            ({"payload": b"#!/bin/sh"}, ["no executable for arm64"]),
-        ]
-        for changes, expected in table:
-            machine.offer("2.6.0.0")
-            vars(vendor).update(good | changes)
-            wrong = check(machine)
-            assert wrong.count("WRONG") >= len(expected) and all(text in wrong for text in expected), (changes, wrong)
-        assert all("User-Agent" not in request.headers for request in vendor.requests)
+        machine.offer("2.6.0.0")
+        for expected, changes in table:
+            machine.service.change(**{"certificate": "good", "faults": {}, "payload": program} | changes)
+            command = ["/source/script/check-service", "service.korvane.example"]
+            done = subprocess.run(command, capture_output=True, text=True)
+            wrong = [line for line in done.stdout.splitlines() if line.startswith("WRONG")]
+            assert done.returncode == bool(wrong) and len(wrong) == len(expected), (changes, done)
+            assert all(text in line for text, line in zip(expected, wrong)), (expected, wrong)
+        assert all("User-Agent" not in request.headers for request in machine.service.requests)
 
 
 def test_check_bundle_starts_and_ends_the_launcher():
