@@ -3,7 +3,6 @@
 
 #include <gtk/gtk.h>
 #include <objc/runtime.h>
-#include <string>
 
 NSAppearanceName const NSAppearanceNameAqua =
     static_cast<NSAppearanceName>(class_createInstance(objc_getClass("NSString"), 0));
@@ -11,26 +10,10 @@ NSApplication *NSApp = static_cast<NSApplication *>(class_createInstance(objc_ge
 
 namespace {
 
-constexpr const char kDarkSuffix[] = "-dark";
-
-// "Adwaita-dark" is the dark sister of "Adwaita"; the same way of naming holds for the other common themes.
-void leaveDarkTheme(GtkSettings *settings) {
-    gchar *name = nullptr;
-    g_object_get(settings, "gtk-theme-name", &name, nullptr);
-    if (name && g_str_has_suffix(name, kDarkSuffix)) {
-        const std::string light(name, std::string(name).size() - (sizeof kDarkSuffix - 1));
-        g_object_set(settings, "gtk-theme-name", light.c_str(), nullptr);
-    }
-    g_free(name);
-}
-
+// Set by the application, it outranks the user's settings file and the desktop's settings daemon.
 void useLightTheme() {
-    GtkSettings *settings = gtk_settings_get_default();
-    if (!settings)
-        return;
-    // Set by the application, these outrank the user's settings file and the desktop's settings daemon.
-    g_object_set(settings, "gtk-application-prefer-dark-theme", FALSE, nullptr);
-    leaveDarkTheme(settings);
+    if (GtkSettings *settings = gtk_settings_get_default())
+        g_object_set(settings, "gtk-application-prefer-dark-theme", FALSE, nullptr);
 }
 
 gboolean beforeFirstWindow(GSignalInvocationHint *, guint, const GValue *, gpointer) {

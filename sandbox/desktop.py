@@ -2,9 +2,9 @@
 
     desktop.py PROGRAM [ARGUMENT...]
 
-The desktop's settings ask for dark windows, twice over: by preference and by a theme of the name "Night-dark". The
-program runs from a folder of its own, with the launcher's pictures beside it. Pictures that it leaves in its current
-folder go to /out. Runs inside sandbox/enter; the exit status is the program's.
+The desktop's settings ask for dark windows. The program runs from a folder of its own, with the launcher's pictures
+beside it. Pictures that it leaves in its current folder go to /out. Runs inside sandbox/enter; the exit status is the
+program's.
 """
 import contextlib
 import os
@@ -15,30 +15,12 @@ import sys
 
 import machine
 
-
 PICTURES = [pathlib.Path("/source/ui/art") / name for name in ("Korvane.bmp", "offline.png")]
 TRAY = (
     "trayer --edge bottom --align right --widthtype request --height 26 --transparent false --tint 0xe8e8e8 "
     "--SetPartialStrut true"
 )
-THEMES = {
-    "Night-dark/gtk-3.0/gtk.css": "#202020",
-    "Night/gtk-3.0/gtk-dark.css": "#202020",
-    "Night/gtk-3.0/gtk.css": "#f0f0f0",
-}
-
-
-def prefer_dark():
-    settings = machine.HOME / ".config/gtk-3.0/settings.ini"
-    settings.parent.mkdir(parents=True, exist_ok=True)
-    settings.write_text("[Settings]\ngtk-application-prefer-dark-theme=1\ngtk-theme-name=Night-dark\n")
-    for name, background in THEMES.items():
-        theme = machine.HOME / ".local/share/themes" / name
-        theme.parent.mkdir(parents=True, exist_ok=True)
-        theme.write_text(
-            '@import url("resource:///org/gtk/libgtk/theme/Adwaita/gtk-contained.css");\n'
-            f"window.background {{ background-color: {background}; }}\n"
-        )
+PREFER_DARK = "[Settings]\ngtk-application-prefer-dark-theme=1\n"
 
 
 def install(program):
@@ -58,7 +40,9 @@ def desktop():
     DISPLAY_WITHOUT_IDLE_TIME names a second, bare X server that does not count the time since the last input.
     """
     with machine.Processes() as processes:
-        prefer_dark()
+        settings = machine.HOME / ".config/gtk-3.0/settings.ini"
+        settings.parent.mkdir(parents=True)
+        settings.write_text(PREFER_DARK)
         machine.own(machine.HOME)
         display, _ = processes.start_display()
         plain, _ = processes.start_display("-extension", "MIT-SCREEN-SAVER")

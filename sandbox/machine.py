@@ -71,20 +71,16 @@ class Processes(contextlib.ExitStack):
 class Machine(Processes):
     """A display, the vendor's service, and an install folder with launcher and companion. One for each sandbox."""
 
-    def __init__(self, folder="/home/alice/Applications", bundle="/build/stage"):
+    def __init__(self, folder="/home/alice/Applications"):
         super().__init__()
         self.folder = pathlib.Path(folder)
-        self.bundle = bundle
         self.launched = 0
 
     def __enter__(self):
         AGENT.parent.mkdir(parents=True)
-        shutil.copytree(self.bundle, self.folder, symlinks=True)
+        shutil.copytree("/build/stage", self.folder, symlinks=True)
         self.companion = self.folder / "KR.app/Contents/MacOS/KR"
-        if not self.companion.exists():
-            self.companion.parent.mkdir(parents=True)
-            self.companion.write_bytes(companion_program("2.5"))
-            self.companion.chmod(0o755)
+        self.companion.write_bytes(companion_program("2.5"))
         self.login_program = self.folder / "Korvane"
         self.launcher_path = self.folder / "Korvane.app/Contents/MacOS/Korvane"
         self.marker = self.launcher_path.with_name("Korvane.version")

@@ -5,26 +5,23 @@
 Prints what has become of the installed executable; ends with status 1 and the reason when a promise is broken. The same
 seed plays the same round. script/campaign plays them all.
 """
-import contextlib
 import dataclasses
 import os
 import pathlib
 import random
 import resource
 import shutil
-import socket
 import subprocess
 import sys
 import threading
 import time
-import typing
 
 import machine as sandbox
+import name_servers
 import service
 import tools
 from machine import AGENT, LOCK, until
 
-ETC = pathlib.Path("/etc")
 OLD = sandbox.companion_program("2.5")
 ROUND_SECONDS = 110  # the mandated pauses and the longest waits, one after the other, with room to spare
 PEAK_KIB = 160 * 1024  # of memory: more than a launcher takes, less than what it is offered
@@ -34,7 +31,8 @@ PEAK_KIB = 160 * 1024  # of memory: more than a launcher takes, less than what i
 class Fault:
     """What brings a fault about, and what is expected of its rounds."""
 
-    bring_about: typing.Callable
+    # Changes of the service; or a shell command in the executable's folder; or a function of the Round.
+    cause: object
     outcomes: tuple = ("old",)  # of the installed executable: "old", "new", "absent", "folder"
     starts: int = 1  # how often the start command runs; None: it depends
     downloads: int = None  # how often the executable is asked for; None: it depends
@@ -56,55 +54,55 @@ class Round:
         self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
 
+    def bring_about(self, cause):
+        if callable(cause):
+            cause(self)
+        elif isinstance(cause, dict):
+            self.service.change(**cause)
+        else:
+            environment = {"MARKER": str(self.machine.marker)}
+            subprocess.run(["sh", "-ec", cause], check=True, cwd=self.folder, env=os.environ | environment)
 
-def answer(what, fault):
-    return lambda r: r.service.faults.update({what: fault})
+
+def version(fault):
+    return {"faults": {"version": fault}}
+
+
+def download(fault):
+    return {"faults": {"download": fault}}
 
 
 def break_off(what, make):
     """An answer that does not arrive whole; a version, though, far enough to read as a newer one."""
 
-    def bring_about(r):
+    def cause(r):
         offset = r.offset
         if what == "version":
             r.machine.offer("99.9.9.9", launcher="99.9.9.9")
             offset = 3 + r.offset % 6
         r.service.faults[what] = make(offset)
 
-    return bring_about
+    return cause
 
 
-def of_size(size, what, fault=None):
-    """An answer of so many bytes: the executable, or a version that goes on in blanks."""
+def long_version(size):
+    """A version that goes on in blanks to this size."""
+    return lambda r: r.service.versions.update(KR_CAP=b'"2.6' + b" " * (size - 5) + b'"')
 
-    def bring_about(r):
-        r.payload = r.service.payload = sandbox.companion_program("2.6", size if what == "download" else 700)
-        if what == "version":
-            r.service.versions["KR_CAP"] = b'"2.6' + b" " * (size - 5) + b'"'
-        r.service.faults[what] = fault
 
-    return bring_about
+def large_download(size, fault):
+    def cause(r):
+        r.payload = sandbox.companion_program("2.6", size)
+        r.service.change(payload=r.payload, **download(fault))
+
+    return cause
 
 
 def silent_name_servers(r):
-    """The system's resolver asks them for almost a minute; start-up is complete when half of that is over."""
-    addresses = [f"127.0.0.{number}" for number in (2, 3, 4)]
-    servers = [socket.socket(type=socket.SOCK_DGRAM) for _ in addresses]
-    for server, address in zip(servers, addresses):
-        server.bind((address, 53))
-        server.setblocking(False)
-    (ETC / "nsswitch.conf").write_text("hosts: dns\n")
-    (ETC / "resolv.conf").unlink(missing_ok=True)
-    (ETC / "resolv.conf").write_text("search elsewhere.example\nnameserver " + "\nnameserver ".join(addresses))
-    queries = []
+    servers = name_servers.SilentNameServers()
 
     def complete():
-        for server in servers:
-            with contextlib.suppress(BlockingIOError):
-                while True:
-                    queries.append(server.recv(512))
-        # The second half of its queries, of which there are twelve.
-        assert sum(b"elsewhere" in query for query in queries) <= 8, "the launcher waits for its resolver"
+        assert servers.queries_in_search_domain() <= 8, "the launcher waits until the resolver gives up, at 12"
         return AGENT.exists()
 
     r.done = complete
@@ -128,24 +126,12 @@ def failing_close(r):
 
     def attach(handler, content):
         (launcher,) = sandbox.processes("Korvane")
-        inject = ["-e", "inject=close:error=EIO"]
-        r.machine.start(["strace", "-qq", "-o", "/dev/null", *inject, "-p", str(launcher)], sandbox.AS_ROOT)
+        strace = f"strace -qq -o /dev/null -e inject=close:error=EIO -p {launcher}".split()
+        r.machine.start(strace, sandbox.AS_ROOT)
         until(lambda: "TracerPid:\t0\n" not in pathlib.Path(f"/proc/{launcher}/status").read_text(), "it is traced")
         handler.send(200, content)
 
     r.service.faults["download"] = attach
-
-
-def become_folder(r):
-    r.target.unlink()
-    r.target.mkdir()
-
-
-def of_another_user(r):
-    """In a folder where anybody may put files, and only a file's owner may replace it."""
-    os.chown(r.folder, 0, 0)
-    os.chown(r.target, 0, 0)
-    r.folder.chmod(0o1777)
 
 
 def outlive_its_end(r):
@@ -176,73 +162,64 @@ def lose_display(r):
     strike(r, display)
 
 
-def pipe_as_marker(r):
-    r.machine.marker.unlink()
-    os.mkfifo(r.machine.marker)
-
-
-ASKED = {"downloads": 1}
-NEW = ASKED | {"outcomes": ["new"]}
+NEW = {"outcomes": ["new"], "downloads": 1}
 OUTDATED = NEW | {"status": 255}  # a marker that is no version counts as 0.0
 NOT_ASKED = {"downloads": 0}
 NO_START = {"starts": 0}
 LONG = {"long": True}
 ANY = {"outcomes": ["old", "new"], "starts": None}
-SILENCE = {"connect": service.no_handshake()}
-BROKEN_OFF = {"reset": service.reset, "cut": service.cut, "chunked": service.chunked_cut}
-
-
-def changed(**changes):
-    """A version, and a service that is otherwise from then on."""
-    return answer("version", service.and_then(**changes))
-
+SILENCE = {"faults": {"connect": service.no_handshake()}}
+# A service that is otherwise from the version's answer on.
+WRONG_HOST = version(service.and_then(certificate="wrong-host"))
+SELF_SIGNED = version(service.and_then(certificate="self-signed"))
+THEN_SILENCE = version(service.and_then(**SILENCE))
 
 FAULTS = {
-    "none": Fault(lambda r: None, **NEW),
-    "version: late": Fault(answer("version", service.pause(20)), **NEW, **LONG),
-    "version: long": Fault(of_size(60 << 10, "version"), **NEW),
-    "version: too long": Fault(of_size(1 << 20, "version"), **NO_START),
-    "version: endless": Fault(answer("version", service.endless()), **NO_START),
+    "none": Fault({}, **NEW),
+    "version: late": Fault(version(service.pause(20)), **NEW, **LONG),
+    "version: long": Fault(long_version(60 << 10), **NEW),
+    "version: too long": Fault(long_version(1 << 20), **NO_START),
+    "version: endless": Fault(version(service.endless()), **NO_START),
     "version: redirect": Fault(break_off("version", lambda _: service.redirect()), **NO_START),
     "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30), **LONG),
-    "version: error with a version": Fault(answer("version", service.status(500)), **NEW),
-    "download: empty": Fault(answer("download", service.body(b""))),
-    "download: pauses": Fault(of_size(50_000, "download", service.pause(20, 5000)), **NEW),
-    "download: slow": Fault(of_size(126_000, "download", service.trickle(2048)), **NEW, **LONG),
-    "download: too slow": Fault(of_size(50_000, "download", service.trickle(512)), **LONG),
-    "download: redirect": Fault(answer("download", service.redirect()), **ASKED),
-    "download: partial": Fault(answer("download", service.status(206))),
-    "download: wrong host": Fault(changed(certificate="wrong-host"), **NOT_ASKED),
-    "download: self-signed": Fault(changed(certificate="self-signed"), **NOT_ASKED),
-    "download: no handshake": Fault(changed(faults=SILENCE), **NOT_ASKED, limits=(15, 15), **LONG),
-    "download: stalled": Fault(answer("download", service.stall(500)), **ASKED, limits=(30,), **LONG),
-    "handshake: late": Fault(answer("connect", service.late_handshake(10)), **NEW, **LONG),
-    "handshake: never ends": Fault(lambda r: r.service.faults.update(SILENCE), **NO_START, limits=(15, 15), **LONG),
-    "name: does not resolve": Fault(lambda r: (ETC / "hosts").write_text(""), **NO_START),
+    "version: error with a version": Fault(version(service.status(500)), **NEW),
+    "download: empty": Fault(download(service.body(b""))),
+    "download: pauses": Fault(large_download(50_000, service.pause(20, 5000)), **NEW),
+    "download: slow": Fault(large_download(126_000, service.trickle(2048)), **NEW, **LONG),
+    "download: too slow": Fault(large_download(50_000, service.trickle(512)), **LONG),
+    "download: redirect": Fault(download(service.redirect()), downloads=1),
+    "download: partial": Fault(download(service.status(206))),
+    "download: wrong host": Fault(WRONG_HOST, **NOT_ASKED),
+    "download: self-signed": Fault(SELF_SIGNED, **NOT_ASKED),
+    "download: no handshake": Fault(THEN_SILENCE, **NOT_ASKED, limits=(15, 15), **LONG),
+    "download: stalled": Fault(download(service.stall(500)), downloads=1, limits=(30,), **LONG),
+    "handshake: late": Fault({"faults": {"connect": service.late_handshake(10)}}, **NEW, **LONG),
+    "handshake: never ends": Fault(SILENCE, **NO_START, limits=(15, 15), **LONG),
+    "name: does not resolve": Fault("echo >/etc/hosts", **NO_START),
     "name: servers are silent": Fault(silent_name_servers, **NO_START, **LONG),
     "disk: full": Fault(full_disk),
     "disk: close fails": Fault(failing_close),
-    "folder: read-only": Fault(lambda r: r.folder.chmod(0o555), **NOT_ASKED),
-    "folder: in the target's place": Fault(become_folder, **NOT_ASKED | {"outcomes": ["folder"]}),
-    "folder: missing": Fault(lambda r: shutil.rmtree(r.folder), **NOT_ASKED | {"outcomes": ["absent"]}),
-    "target: missing": Fault(lambda r: r.target.unlink(), **NEW),
-    "target: read-only": Fault(lambda r: r.target.chmod(0o444), **NOT_ASKED),
-    "target: another user's": Fault(of_another_user, **NOT_ASKED),
+    "folder: read-only": Fault("chmod 555 .", **NOT_ASKED),
+    "folder: in the target's place": Fault("rm KR; mkdir KR", **NOT_ASKED, outcomes=["folder"]),
+    "folder: missing": Fault("rm -r ../MacOS", **NOT_ASKED, outcomes=["absent"]),
+    "target: missing": Fault("rm KR", **NEW),
+    "target: read-only": Fault("chmod 444 KR", **NOT_ASKED),
+    "target: another user's": Fault("chown root . KR; chmod 1777 .", **NOT_ASKED),
     "target: goes on running": Fault(outlive_its_end, **NEW),
     "killed": Fault(strike, **ANY, status=-9),
     "display lost": Fault(lose_display, **ANY, status=1),
     "open: fails": Fault(lambda r: tools.replace("open", "exit 1"), **NEW),
-    "marker: pipe": Fault(pipe_as_marker, **OUTDATED),
-    "marker: endless line": Fault(lambda r: r.machine.marker.open("wb").truncate(1 << 30), **OUTDATED),
-    "marker: binary": Fault(lambda r: r.machine.marker.write_bytes(b"\xff" + random.randbytes(5000)), **OUTDATED),
+    "marker: pipe": Fault('rm "$MARKER"; mkfifo "$MARKER"', **OUTDATED),
+    "marker: endless line": Fault('truncate --size 0 "$MARKER"; truncate --size 1G "$MARKER"', **OUTDATED),
+    "marker: binary": Fault('head -c 5000 /dev/urandom | tr "0-9\\n" x >"$MARKER"', **OUTDATED),
 }
 for name in ("expired", "self-signed", "wrong-host"):
-    FAULTS[f"certificate: {name}"] = Fault(lambda r, name=name: setattr(r.service, "certificate", name), **NO_START)
+    FAULTS[f"certificate: {name}"] = Fault({"certificate": name}, **NO_START)
 for call in ("fsync", "chmod", "rename"):
     FAULTS[f"disk: {call} fails"] = Fault(failing_call(call, "EIO"))
 for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
     FAULTS[f"disk: no cache flush, {error}"] = Fault(failing_call("fsync", error), **NEW)
-for name, make in BROKEN_OFF.items():
+for name, make in {"reset": service.reset, "cut": service.cut, "chunked": service.chunked_cut}.items():
     FAULTS[f"download: {name}"] = Fault(break_off("download", make))
     FAULTS[f"version: {name}"] = Fault(break_off("version", make), **NO_START)
 
@@ -284,27 +261,26 @@ def play(machine, fault):
     install_old(machine.companion)
     r = Round(machine, fault)
     machine.offer("2.6", payload=r.payload)
-    fault.bring_about(r)
+    r.bring_about(fault.cause)
     target = r.target.exists() and sandbox.state(r.target)
     before, leftovers = snapshot(machine), staging(machine)
     launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(tools.PATH)})
     if r.launched:
         threading.Thread(target=r.launched, args=[launcher], daemon=True).start()
     until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher", ROUND_SECONDS)
-    assert launcher.poll() == fault.status, f"the launcher's status is {launcher.poll()}, not {fault.status}"
+    status = launcher.poll()
     sandbox.end_all("Korvane")
     launcher.wait()
 
     found, starts, downloads = outcome(r, target), len(tools.calls("open")), r.service.order().count("download")
-    assert found in r.outcomes, f"the executable is {found}, not in {r.outcomes}"
-    assert fault.starts in (None, starts), f"the start command ran {starts} times, not {fault.starts}"
-    asked = fault.downloads in (None, downloads)
-    assert asked, f"the executable was asked for {downloads} times, not {fault.downloads}"
+    assert status == fault.status, f"the launcher's status is {status}"
+    assert found in r.outcomes, f"the executable is {found}"
+    assert fault.starts in (None, starts), f"the start command ran {starts} times"
+    assert fault.downloads in (None, downloads), f"the executable was asked for {downloads} times"
     waits = r.service.waits
     if fault.limits:
         until(lambda: len(waits) == len(fault.limits), "the launcher has gone from a silent service")
-        kept = all(limit - 3 <= wait <= limit + 10 for wait, limit in zip(waits, fault.limits))
-        assert kept, f"the launcher waited for {waits} s, not {fault.limits}"
+        assert all(limit - 3 <= wait <= limit + 10 for wait, limit in zip(waits, fault.limits)), f"it waited {waits} s"
     left = staging(machine) - (leftovers if found != "new" else set())
     assert r.launched or not left, f"staging files are left: {left}"
     assert snapshot(machine) == before, "something else has changed"

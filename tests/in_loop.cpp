@@ -1,10 +1,8 @@
-// The launcher's OnInit from inside a running event loop, where wxExit returns; here it only notes the call, and what
-// OnInit has not prepared, so that what start-up defers must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls
-// exit(7) from inside it. With an argument there is a login window in g_dlg, which tells when it is to close, and a
-// thread in the slot of g_threads, which is to be joined first.
-//
-// Sleeps take no time. When all else has been torn down, the process goes on for as long as somebody else locks
-// /tmp/held: what the supervision thread uses must still be there.
+// Runs the launcher's OnInit inside a running event loop, where wxExit returns. Exit() only logs, and what OnInit has
+// not prepared, so the deferred call must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls exit(7) from inside it.
+// With an argument there is a login window in g_dlg, which logs when it is to close, and a thread in the slot, which
+// has to be joined first. Sleeps take no time. When all else has been torn down, the process goes on for as long as
+// somebody else locks /tmp/held: what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
 
@@ -14,6 +12,7 @@
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <gtk/gtk.h>
+#include <iostream>
 #include <sys/file.h>
 #include <wx/app.h>
 #include <wx/image.h>
@@ -42,7 +41,7 @@ class LoopApp : public wxApp {
         if (argc > 1) {
             g_dlg = new LoginDialog(nullptr);
             g_dlg->Bind(wxEVT_CLOSE_WINDOW, [](wxCloseEvent &event) {
-                std::fputs(event.CanVeto() ? "asked\n" : "told to close\n", stderr);
+                std::cerr << (event.CanVeto() ? "asked" : "told to close") << std::endl;
             });
             g_threads[0] = std::thread([] {});
         }
@@ -51,15 +50,16 @@ class LoopApp : public wxApp {
         g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
         CallAfter([] {
             launcher->OnInit();
-            std::fputs(g_threads[0].joinable() ? "supervised\n" : "", stderr);
+            std::fputs(g_threads[0].joinable() ? "supervised\n" : "",
+                       stderr); // at once, beside the thread's own output
         });
         return true;
     }
     void Exit() override {
         gboolean dark = TRUE;
         g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
-        std::fprintf(stderr, "wxExit%s%s%s\n", dark ? ", dark" : "", wxImage::FindHandler("PNG file") ? "" : ", no PNG",
-                     g_threads[0].joinable() ? ", not joined" : "");
+        std::cerr << "wxExit" << (dark ? ", dark" : "") << (wxImage::FindHandler("PNG file") ? "" : ", no PNG")
+                  << (g_threads[0].joinable() ? ", not joined" : "") << std::endl;
     }
 };
 

@@ -4,62 +4,52 @@
 """
 import os
 import pathlib
+import plistlib
 import shutil
+import stat
 import subprocess
 import sys
 
+import apple
 import service
+from apple import APPLICATION, INSTALLER, PACKAGE, TEAM, TOOLS
 from machine import AS_ALICE, HOME, Machine
 
 PROJECT = pathlib.Path("/tmp/a folder/korvane")
-TEAM = "ABCDE12345"
-APPLICATION, INSTALLER = (f"Developer ID {what}: Mervix ({TEAM})" for what in ("Application", "Installer"))
-IDENTITIES = f"--application '{APPLICATION}' --installer '{INSTALLER}' --notary-profile vendor"
-PAYLOAD = "build/release/expanded/launcher.pkg/Payload/Applications"
-BINARY = "build/release/stage/Korvane.app/Contents/MacOS"
-# What each of Apple's tools, and of those that only a Mac can run, does when all is well.
-TOOLS = {
-    "uname": "echo Darwin",
-    "security find-identity": f"printf '  1) 0F \"%s\"\\n' '{APPLICATION}' '{INSTALLER}'",
-    "lipo -archs": "echo arm64",
-    "codesign --verify": "",
-    "codesign --display": f"echo 'flags=0x10000(runtime) Timestamp=today TeamIdentifier={TEAM}'",
-    "cmake --preset": "mkdir -p build/release/login_program",
-    "cmake --build": "",
-    "ctest --test-dir": "",
-    "cmake --install": f"mkdir -p {BINARY} {BINARY}/../Frameworks; echo https://vendor.example/ >{BINARY}/Korvane",
-    "cpack --config": "touch build/release/Korvane-2.5-Darwin-arm64.pkg",
-    "pkgutil --expand-full": f"mkdir -p {PAYLOAD} && cp packaging/*.dist.in build/release/expanded/Distribution; "
-    f"echo '<relocate/>' >{PAYLOAD}/../../PackageInfo",
-    "productsign --sign": 'cp "$3" "$4"',
-    "pkgutil --check-signature": "",
-    "xcrun notarytool": "[ $2 = submit ] || echo the log",
-    "plutil -extract": "[ $2 = id ] && echo 7 || echo Accepted",
-    "xcrun stapler": "",
-    "spctl --assess": "",
-    "dsymutil": "mkdir $3",
-    "git describe": "echo 123abc",
-    "wx-config --version": "echo 3.3.3",
+IDENTITIES = ["--application", APPLICATION, "--installer", INSTALLER, "--notary-profile", "vendor"]
+LAYOUT = """\
+-rw- KR.app/Contents/Info.plist
+-rwx KR.app/Contents/MacOS/KR
+-rwx Korvane
+-rw- Korvane.app/Contents/Info.plist
+-rwx Korvane.app/Contents/MacOS/Korvane
+lrwx Korvane.app/Contents/MacOS/Korvane.bmp -> ../Resources/Korvane.bmp
+lrwx Korvane.app/Contents/MacOS/Korvane.version -> ../Resources/Korvane.version
+lrwx Korvane.app/Contents/MacOS/offline.png -> ../Resources/offline.png
+-rw- Korvane.app/Contents/Resources/Korvane.bmp
+-rw- Korvane.app/Contents/Resources/Korvane.icns
+-rw- Korvane.app/Contents/Resources/Korvane.version
+-rw- Korvane.app/Contents/Resources/offline.png
+"""
+PROPERTIES = {
+    "CFBundleIdentifier": "com.mervix.korvane",
+    "CFBundleIconFile": "Korvane",
+    "CFBundleDevelopmentRegion": "en",
+    "CFBundleShortVersionString": "2.5",
+    "CFBundleVersion": "2.5",
+    "LSMinimumSystemVersion": "26.0",
+    "LSUIElement": True,
+    "LSAppNapIsDisabled": True,
 }
 
 
-def release(arguments, **changes):
-    """Runs script/release with these tools, some of them changed, and returns what it did and the calls it made."""
+def release(*arguments, **changes):
+    """Runs script/release with these stand-ins changed; returns how it ended, how its calls begin, what it made."""
     shutil.rmtree(PROJECT / "build", ignore_errors=True)
-    body = 'echo "${0##*/} $1" >>/tmp/called\ncase "${0##*/} $1" in\n'
-    for call, does in (TOOLS | changes).items():
-        body += f'"{call}"*) {does} ;;\n'
-        tool = pathlib.Path("/tmp/apple") / call.split()[0]
-        tool.parent.mkdir(exist_ok=True)
-        tool.unlink(missing_ok=True)
-        tool.symlink_to("all")
-    (tool.parent / "all").write_text("#!/bin/bash\n" + body + "*) echo unknown; exit 9 ;;\nesac\n")
-    (tool.parent / "all").chmod(0o755)
-    pathlib.Path("/tmp/called").write_text("")
-    environment = os.environ | {"PATH": f"/tmp/apple:{os.environ['PATH']}"}
-    command = f"'{PROJECT}/script/release' --host vendor.example --companion /source/sandbox/KR.app {arguments}"
-    done = subprocess.run(["bash", "-c", command], env=environment, capture_output=True, text=True)
-    return done, pathlib.Path("/tmp/called").read_text().splitlines()
+    command = [PROJECT / "script/release", "--host", "vendor.example", "--companion", "/source/sandbox/KR.app"]
+    done = subprocess.run([*command, *arguments], env=apple.install(changes), capture_output=True, text=True)
+    made = {path.name for path in PROJECT.glob("build/Korvane-*/*")}
+    return done, [" ".join(call.split()[:2]) for call in apple.calls()], made
 
 
 def test_release_is_made_in_order_or_not_at_all():
@@ -68,53 +58,88 @@ def test_release_is_made_in_order_or_not_at_all():
     shutil.copy("/source/CMakeLists.txt", PROJECT)
     shutil.copytree("/source/packaging", PROJECT / "packaging")
 
-    done, calls = release(IDENTITIES)
+    begin = ["lipo -archs", "codesign --verify"]
+    packed = ["cmake --preset", "cmake --build", "ctest --test-dir", "cmake --install", "cpack --config"]
+    packed += ["pkgutil --expand-full", *["codesign --verify"] * 3]
+    notarised = ["productsign --sign", "pkgutil --check-signature", "xcrun notarytool", "plutil -extract"]
+    notarised += ["xcrun stapler", "xcrun stapler", "spctl --assess"]
+    end = [f"dsymutil build/release/{program}" for program in ("Korvane", "login_program/Korvane")]
+    end += ["shasum -a", "git describe", "wx-config --version"]
+    done, calls, made = release(*IDENTITIES)
     assert done.returncode == 0, done.stderr
-    seals = ["codesign --verify"] * 3
-    first = ["uname ", "security find-identity", "lipo -archs", "codesign --verify", "codesign --display"]
-    built = ["cmake --preset", "cmake --build", "ctest --test-dir", "cmake --install", "cpack --config"]
-    packed = [*built, "pkgutil --expand-full", *seals]
-    notarised = ["xcrun notarytool", "plutil -extract", "xcrun stapler", "xcrun stapler", "spctl --assess"]
-    last = [f"dsymutil build/release/{program}" for program in ("Korvane", "login_program/Korvane")]
-    last += ["git describe", "wx-config --version"]
-    signed = ["productsign --sign", "pkgutil --check-signature"]
-    assert calls == first + packed + signed + notarised + last, calls
-    made = {path.name for path in (PROJECT / "build/Korvane-2.5").iterdir()}
+    assert calls == ["uname", "security find-identity", *begin, "codesign --display", *packed, *notarised, *end], calls
     assert made == {"Korvane-2.5.pkg", "Korvane-2.5.sha256", "Korvane.dSYM", "login_program.dSYM"}, made
+    done, calls, made = release("--ad-hoc")
+    assert done.returncode == 0 and calls == ["uname", *begin, *packed, *end], (done.stderr, calls)
+    assert "Korvane-2.5-ad-hoc.pkg" in made, made
 
-    done, calls = release("--ad-hoc")
-    assert done.returncode == 0 and (PROJECT / "build/Korvane-2.5-ad-hoc/Korvane-2.5-ad-hoc.pkg").exists(), done.stderr
-    assert calls == ["uname ", *first[2:4], *packed, *last], calls
-
-    in_package = "case $* in *Payload*) echo broken seal; exit 1;; esac"
-    other_team = IDENTITIES.replace(f"{TEAM})' --notary", "OTHER12345)' --notary")
-    both = f"echo '\"{APPLICATION}\" \"{INSTALLER.replace(TEAM, 'OTHER12345')}\"'"
-    here_only = TOOLS["pkgutil --expand-full"] + "; sed -i s/CurrentUserHome/X/i build/release/expanded/Distribution"
-    moving = TOOLS["pkgutil --expand-full"] + f"; echo '<relocate><bundle/></relocate>' >{PAYLOAD}/../../PackageInfo"
+    expand = TOOLS["pkgutil --expand-full"]
     refusals = [
         ("into the keychain", "security find-identity", "echo '0 valid identities found'"),
-        ("of two teams", "security find-identity", both),
         ("Build the companion for arm64", "lipo -archs", "echo x86_64"),
         ("Sign the companion.", "codesign --verify", "echo not signed at all; exit 1"),
         ("hardened runtime", "codesign --display", f"echo 'flags=0x0(none) Timestamp=today TeamIdentifier={TEAM}'"),
         ("with a timestamp", "codesign --display", f"echo '(runtime) TeamIdentifier={TEAM}'"),
         ("with the same team", "codesign --display", "echo '(runtime) Timestamp=today TeamIdentifier=OTHER12345'"),
         ("the tests have found", "ctest --test-dir", "exit 8"),
-        ("the address of vendor.example", "cmake --install", TOOLS["cmake --install"].replace("vendor.e", "service.e")),
-        ("CPack.distribution", "pkgutil --expand-full", here_only),
-        ("components.plist", "pkgutil --expand-full", moving),
-        ("what was signed", "codesign --verify", in_package),
+        ("the address of vendor.example", "cmake --install", TOOLS["cmake --install"].replace("vendor.", "service.")),
+        ("CPack.distribution", "pkgutil --expand-full", expand + "; sed -i /domains/d build/release/expanded/Distr*"),
+        ("components.plist", "pkgutil --expand-full", expand + f"; echo '<relocate>' >{PACKAGE}/PackageInfo"),
+        ("what was signed", "codesign --verify", "case $* in *Payload*) exit 1 ;; esac"),
         ("installer identity", "pkgutil --check-signature", "exit 1"),
         ("store-credentials vendor", "xcrun notarytool", "exit 69"),
-        ("Apple has not accepted", "plutil -extract", "[ $2 = id ] && echo 7 || echo Invalid"),
+        ("the log\nrelease: Apple has not accepted", "plutil -extract", "[ $2 = id ] && echo 7 || echo Invalid"),
         ("the ticket may", "xcrun stapler", "[ $2 = staple ]"),
         ("Gatekeeper refuses", "spctl --assess", "exit 3"),
     ]
-    for reason, call, does in refusals:
-        done, calls = release(other_team if does == both else IDENTITIES, **{call: does})
-        assert done.returncode == 1 and reason in done.stderr, (reason, done.returncode, done.stderr)
-        assert "Invalid" not in does or "the log" in done.stderr, done.stderr
-        assert not list(PROJECT.glob("build/Korvane-*")), reason
+    other = INSTALLER.replace(TEAM, "OTHER12345")
+    ends = [(reason, release(*IDENTITIES, **{call: does})) for reason, call, does in refusals]
+    both = {"security find-identity": f'echo \'"{APPLICATION}" "{other}"\''}
+    ends.append(("of two teams", release(*IDENTITIES, "--installer", other, **both)))
+    for reason, (done, _, made) in ends:
+        assert done.returncode == 1 and reason in done.stderr and not made, (reason, done, made)
+
+
+def test_installed_folder_can_be_sealed():
+    """Code alone where code belongs, and links that lead nowhere else; signed from the inside out."""
+    stage = pathlib.Path("/tmp/stage")
+    shutil.copytree("/build/stage", stage, symlinks=True)
+    libraries = sorted((stage / "Korvane.app/Contents/Frameworks").iterdir())
+    found = [path for path in sorted(stage.rglob("*")) if path not in libraries and not path.is_dir()]
+    modes = [stat.filemode(path.lstat().st_mode)[:4] for path in found]
+    links = [f" -> {path.readlink()}" if path.is_symlink() else "" for path in found]
+    layout = [f"{mode} {path.relative_to(stage)}{link}\n" for mode, path, link in zip(modes, found, links)]
+    assert "".join(layout) == LAYOUT, layout
+    assert all(library.resolve() in libraries and "libwx_" in library.name for library in libraries)
+    assert (stage / "Korvane.app/Contents/MacOS/Korvane.version").read_text() == "2.5\n"
+
+    text = (stage / "Korvane.app/Contents/Info.plist").read_bytes()
+    assert plistlib.loads(text).items() >= PROPERTIES.items() and "Copyright ©".encode() in text
+    assert b"CFBundleExecutable</key>\n  <string>Korvane<" in text  # CMake's fixup_bundle reads lines
+    components = plistlib.loads(pathlib.Path("/build/packaging/components.plist").read_bytes())
+    assert [bundle["RootRelativeBundlePath"][13:] for bundle in components] == ["Korvane.app", "KR.app"], components
+    assert not any(bundle["BundleIsRelocatable"] or bundle["BundleIsVersionChecked"] for bundle in components)
+
+    def sign(identity, **changes):
+        command = [
+            "/usr/bin/cmake",
+            "-D",
+            f"FOLDER={stage}",
+            "-D",
+            f"IDENTITY={identity}",
+            "-P",
+            "/source/packaging/sign.cmake",
+        ]
+        status = subprocess.run(command, env=apple.install(changes)).returncode
+        return status, [call.replace(f"{stage}/", "").removeprefix("codesign ") for call in apple.calls()]
+
+    seal = f"--force --sign {APPLICATION} --options runtime --timestamp"
+    expected = [f"{seal} {library.relative_to(stage)}" for library in libraries if not library.is_symlink()]
+    expected += [f"{seal} --identifier com.mervix.korvane.log-in Korvane", f"{seal} Korvane.app"]
+    expected += [f"--verify --strict --verbose=2 {code}" for code in ("Korvane", "Korvane.app")]
+    assert sign(APPLICATION) == (0, expected), sign(APPLICATION)
+    status, calls = sign("-", **{"codesign --verify": "exit 1"})
+    assert status and not any("runtime" in call for call in calls), calls
 
 
 def test_check_service_tells_what_the_launcher_makes_of_it():
@@ -143,24 +168,20 @@ def test_check_service_tells_what_the_launcher_makes_of_it():
 
 
 def test_check_bundle_starts_and_ends_the_launcher():
-    kinds = [("!signalled", "BackgroundOnly", 0), ("token=[7]", "Foreground", 1)]
-    lsappinfo = pathlib.Path("/tmp/apple/lsappinfo")
-    lsappinfo.parent.mkdir()
     with Machine() as machine:
         machine.offer("2.5")
-        environment = machine.environment | {"PATH": f"{lsappinfo.parent}:{os.environ['PATH']}"}
-        for state, kind, status in kinds:
-            # The process has checked in when it is asked for the second time.
-            asked = HOME / kind
+        lsappinfo = HOME / "lsappinfo"
+        environment = machine.environment | {"PATH": f"{HOME}:{os.environ['PATH']}"}
+        for kind, status in (("BackgroundOnly", 0), ("Foreground", 1)):
+            # It has checked in when it is asked for the second time.
             lsappinfo.write_text(
-                f"#!/bin/sh\n[ -e {asked} ] && type='\"{kind}\"' || type='[ NULL ]'\n>{asked}\n"
-                f'echo "    pid = $(pgrep -x Korvane) {state} type=$type flavor=3 fileType=\\"APPL\\""\n'
+                f"#!/bin/sh\n[ -e ~/{kind} ] && type='\"{kind}\"' || type='[ NULL ]'\n>~/{kind}\n"
+                'echo "    pid = $(pgrep -x Korvane) !signalled type=$type flavor=3 fileType=\\"APPL\\""\n'
             )
             lsappinfo.chmod(0o755)
             command = ["/source/script/check-bundle", machine.folder]
             done = subprocess.run(command, env=environment, capture_output=True, text=True, **AS_ALICE)
-            assert done.returncode == status, done
-            assert not machine.flag.exists(), done
+            assert done.returncode == status and not machine.flag.exists(), done
 
 
 if __name__ == "__main__":
