@@ -1,6 +1,7 @@
 // The vendor's web service, over HTTPS.
 #include "companion/ServiceClient.h"
 
+#include "platform/Closing.h"
 #include "platform/StagedFile.h"
 
 #include <cstdio>
@@ -20,12 +21,7 @@ constexpr long kStallSeconds = 30;
 constexpr long kStallBytesPerSecond = 1024;
 constexpr std::size_t kLongestAnswer = 64 * 1024;
 
-struct EasyCleanup {
-    void operator()(CURL *handle) const {
-        curl_easy_cleanup(handle);
-    }
-};
-using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
+using EasyHandle = std::unique_ptr<CURL, Closing<curl_easy_cleanup>>;
 
 // Name servers that do not answer count as connecting. At the limit libcurl would wait for its resolver thread, for up
 // to a minute; with CURLOPT_QUICK_EXIT(3) it leaves the thread, which ends and frees what it holds once the system's

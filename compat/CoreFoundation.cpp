@@ -1,13 +1,8 @@
 // Constant strings, numbers and dictionaries of CoreFoundation. Every other object has exactly one owner here, so a
 // release is a deletion.
-#include "LiveObjects.h"
 #include "SystemObject.h"
 
-#include <atomic>
-
 namespace {
-
-std::atomic<long> g_live = 0;
 
 // Type numbers are ours to choose; only their differences count.
 constexpr CFTypeID kDictionaryType = 1;
@@ -20,18 +15,6 @@ const SystemObject *object(CFTypeRef reference) {
 } // namespace
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
-
-long liveSystemObjects() {
-    return g_live;
-}
-
-SystemObject::SystemObject() {
-    ++g_live;
-}
-
-SystemObject::~SystemObject() {
-    --g_live;
-}
 
 __CFDictionary::~__CFDictionary() {
     for (const auto &[key, value] : values)

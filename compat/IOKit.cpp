@@ -4,6 +4,8 @@
 #include "SystemObject.h"
 
 #include <X11/extensions/scrnsaver.h>
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -18,36 +20,30 @@ struct Iterator : SystemObject {
 };
 struct Service : SystemObject {};
 
-// Handles are numbers, as the kernel's are.
+// Handles are numbers, as the kernel's are, and not without end: who does not release them soon gets no more.
 std::mutex g_mutex;
-std::map<io_object_t, std::unique_ptr<SystemObject>> &g_objects =
-    *new std::map<io_object_t, std::unique_ptr<SystemObject>>;
-io_object_t g_lastHandle = 0;
+std::array<std::unique_ptr<SystemObject>, 16> &g_objects = *new std::array<std::unique_ptr<SystemObject>, 16>;
 
 io_object_t handOut(std::unique_ptr<SystemObject> object) {
     const std::lock_guard lock(g_mutex);
-    g_objects[++g_lastHandle] = std::move(object);
-    return g_lastHandle;
+    const auto free = std::find(g_objects.begin(), g_objects.end(), nullptr);
+    if (free == g_objects.end())
+        return 0;
+    *free = std::move(object);
+    return static_cast<io_object_t>(free - g_objects.begin()) + 1;
 }
 
-struct CloseDisplay {
-    void operator()(Display *display) const {
-        XCloseDisplay(display);
-    }
-};
-using DisplayConnection = std::unique_ptr<Display, CloseDisplay>;
+using DisplayConnection = std::unique_ptr<Display, decltype(&XCloseDisplay)>;
 
-struct FreeX {
-    void operator()(void *memory) const {
-        XFree(memory);
-    }
-};
+DisplayConnection connect() {
+    return {XOpenDisplay(nullptr), XCloseDisplay};
+}
 
 // Returns the milliseconds since the last input, or -1 when this server does not count them.
 int64_t idleMilliseconds(Display *display) {
     int event = 0;
     int error = 0;
-    const std::unique_ptr<XScreenSaverInfo, FreeX> info(XScreenSaverAllocInfo());
+    const std::unique_ptr<XScreenSaverInfo, decltype(&XFree)> info(XScreenSaverAllocInfo(), XFree);
     if (!XScreenSaverQueryExtension(display, &event, &error) ||
         !XScreenSaverQueryInfo(display, DefaultRootWindow(display), info.get()))
         return -1;
@@ -69,15 +65,15 @@ kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching
     if (!std::getenv("DISPLAY"))
         return KERN_FAILURE;
     auto iterator = std::make_unique<Iterator>();
-    iterator->atEnd = !consumed->values.contains("IOHIDSystem") || !DisplayConnection(XOpenDisplay(nullptr));
+    iterator->atEnd = !consumed->values.contains("IOHIDSystem") || !connect();
     *existing = handOut(std::move(iterator));
-    return KERN_SUCCESS;
+    return *existing ? KERN_SUCCESS : KERN_FAILURE;
 }
 
 io_object_t IOIteratorNext(io_iterator_t iterator) {
     {
         const std::lock_guard lock(g_mutex);
-        if (std::exchange(static_cast<Iterator &>(*g_objects.at(iterator)).atEnd, true))
+        if (std::exchange(static_cast<Iterator &>(*g_objects.at(iterator - 1)).atEnd, true))
             return 0;
     }
     return handOut(std::make_unique<Service>());
@@ -85,7 +81,7 @@ io_object_t IOIteratorNext(io_iterator_t iterator) {
 
 kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t, CFMutableDictionaryRef *properties, CFAllocatorRef,
                                                 IOOptionBits) {
-    const DisplayConnection display(XOpenDisplay(nullptr));
+    const DisplayConnection display = connect();
     if (!display)
         return KERN_FAILURE;
     auto table = std::make_unique<__CFDictionary>();
@@ -97,5 +93,5 @@ kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t, CFMutableDi
 
 kern_return_t IOObjectRelease(io_object_t object) {
     const std::lock_guard lock(g_mutex);
-    return g_objects.erase(object) == 1 ? KERN_SUCCESS : KERN_FAILURE;
+    return std::exchange(g_objects.at(object - 1), nullptr) ? KERN_SUCCESS : KERN_FAILURE;
 }

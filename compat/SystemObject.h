@@ -1,14 +1,13 @@
-// The counted objects behind CoreFoundation's and IOKit's handles.
+// The objects behind CoreFoundation's and IOKit's handles.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <map>
 #include <string>
 
-// An object of the layer: it counts as live from construction to destruction.
 struct SystemObject {
-    SystemObject();
-    virtual ~SystemObject();
+    SystemObject() = default;
+    virtual ~SystemObject() = default;
     SystemObject(const SystemObject &) = delete;
     SystemObject &operator=(const SystemObject &) = delete;
 };

@@ -1,6 +1,8 @@
 // A file that takes another's place whole, or not at all.
 #pragma once
 
+#include "platform/Closing.h"
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -32,13 +34,7 @@ class StagedFile {
     void replaceTarget();
 
   private:
-    struct Close {
-        void operator()(std::FILE *file) const {
-            std::fclose(file);
-        }
-    };
-
     std::string target_;
     std::string staging_; // empty once there is no staging file to remove
-    std::unique_ptr<std::FILE, Close> stream_;
+    std::unique_ptr<std::FILE, Closing<std::fclose>> stream_;
 };

@@ -10,11 +10,12 @@ CALLS = pathlib.Path("/tmp/called")
 TEAM = "ABCDE12345"
 APPLICATION = f"Developer ID Application: Mervix ({TEAM})"
 INSTALLER = f"Developer ID Installer: Mervix ({TEAM})"
+OTHER_INSTALLER = "Developer ID Installer: Other (OTHER12345)"
 PACKAGE = "build/release/expanded/launcher.pkg"
 BUNDLE = "build/release/stage/Korvane.app/Contents"
 TOOLS = {
     "uname": "echo Darwin",
-    "security find-identity": f"printf '  1) 0F \"%s\"\\n' '{APPLICATION}' '{INSTALLER}'",
+    "security find-identity": f"printf '  1) 0F \"%s\"\\n' '{APPLICATION}' '{INSTALLER}' '{OTHER_INSTALLER}'",
     "lipo -archs": "echo arm64",
     "codesign --verify": "",
     "codesign --force": "",

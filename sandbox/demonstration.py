@@ -85,17 +85,9 @@ def stay(machine):
     sandbox.end_all("KR")
     machine.start_companion()
     launcher = machine.launch()
-    print(
-        f"""
-You are {sandbox.USER}, in a sandbox with a launcher (process {launcher.pid}) and its companion.
-  ps xf                               what runs
-  tail -f {launcher.output}             the launcher's trace
-  kill -USR1 $(pgrep -x KR)           the user quits the companion
-Leave with exit; everything in here goes with it.""",
-        flush=True,
-    )
-    environment = machine.environment | {"PS1": "sandbox:\\w$ ", "TERM": os.environ.get("TERM", "linux")}
-    subprocess.run(["bash", "--norc"], env=environment, cwd=machine.folder, **sandbox.AS_ALICE)
+    print(f"You are {sandbox.USER}, with a launcher (process {launcher.pid}) and its companion: see them with ps xf.")
+    print(f"The launcher's trace is {launcher.output}; kill -USR1 $(pgrep -x KR) is the user's quit.", flush=True)
+    subprocess.run(["bash", "--norc"], env=machine.environment, cwd=machine.folder, **sandbox.AS_ALICE)
 
 
 def main():

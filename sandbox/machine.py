@@ -13,7 +13,7 @@ import time
 
 import certificates
 import service
-import steps
+import strace
 
 USER = "alice"
 UID = 1000
@@ -102,11 +102,11 @@ class Machine(Processes):
     def launch(self, path=None, environment=None, command=None, quickly=False, **options):
         """Starts the launcher, by another path or command if given. Its output goes to the file at .output.
 
-        With quickly its sleeps return at once, and steps.steps() tells what it does.
+        With quickly its sleeps return at once, and strace.steps() tells what it does.
         """
         command = command or [str(path or self.launcher_path)]
         if quickly:
-            command = steps.traced(command)
+            command = strace.quickly(command)
         self.launched += 1
         output = pathlib.Path(f"/tmp/trace{self.launched}")
         with open(output, "wb") as stream:

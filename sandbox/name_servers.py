@@ -3,6 +3,7 @@ import pathlib
 import socket
 
 ADDRESSES = ("127.0.0.2", "127.0.0.3", "127.0.0.4")
+SERVERS = "".join(f"nameserver {address}\n" for address in ADDRESSES)
 
 
 class SilentNameServers:
@@ -16,9 +17,7 @@ class SilentNameServers:
             server.bind((address, 53))
             server.setblocking(False)
         pathlib.Path("/etc/nsswitch.conf").write_text("hosts: dns\n")
-        resolv_conf = pathlib.Path("/etc/resolv.conf")
-        resolv_conf.unlink(missing_ok=True)
-        resolv_conf.write_text("search elsewhere.example\nnameserver " + "\nnameserver ".join(ADDRESSES))
+        pathlib.Path("/etc/resolv.conf").write_text("search elsewhere.example\n" + SERVERS)
 
     def queries_in_search_domain(self):
         """How many have come so far."""

@@ -1,23 +1,14 @@
 // The companion's process: is it there, and asking it to end.
 #include "supervise/CompanionProcess.h"
 
+#include "platform/Closing.h"
 #include "platform/Platform.h"
 
 #include <cstdio>
 #include <memory>
 
-namespace {
-
-struct ClosePipe {
-    void operator()(std::FILE *pipe) const {
-        pclose(pipe);
-    }
-};
-
-} // namespace
-
 bool KR_TitleCheck() try {
-    const std::unique_ptr<std::FILE, ClosePipe> pipe(popen("pgrep -x KR", "r"));
+    const std::unique_ptr<std::FILE, Closing<pclose>> pipe(popen("pgrep -x KR", "r"));
     if (!pipe)
         return false;
     char firstLine[32] = {};

@@ -28,9 +28,7 @@ __attribute__((constructor(101))) void lingerAtExit() {
 }
 
 gboolean end(void *byExit) {
-    if (byExit)
-        std::exit(7);
-    wxTheApp->ExitMainLoop();
+    byExit ? std::exit(7) : wxTheApp->ExitMainLoop();
     return G_SOURCE_REMOVE;
 }
 

@@ -1,17 +1,16 @@
 // The login window and its tray icon: what is built, and what mouse and keyboard do to it. Runs on a real X server with
 // a window manager and a tray. Leaves a picture of the window in each of its states in the current folder.
-#include "platform/Platform.h"
 #include "ui/KorvaneTrayIcon.h"
 #include "ui/LoginDialog.h"
 
 #include <clocale>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 #include <gtk/gtkx.h>
 #include <wx/evtloop.h>
+#include <wx/uiaction.h>
 #include <wx/weakref.h>
 #include <wx/wx.h>
 
@@ -23,7 +22,7 @@ namespace {
 const fs::path kFolder = fs::read_symlink("/proc/self/exe").parent_path();
 
 // Handles events until the condition holds; false when it does not come true.
-bool until(const std::function<bool()> &condition, std::chrono::milliseconds limit = 60s) {
+bool until(auto condition, std::chrono::milliseconds limit = 60s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition() && std::chrono::steady_clock::now() < deadline) {
         wxTheApp->Yield();
@@ -31,13 +30,6 @@ bool until(const std::function<bool()> &condition, std::chrono::milliseconds lim
         wxMilliSleep(5);
     }
     return condition();
-}
-
-// Runs a command as a person would act, while the window handles what it causes.
-void act(const std::string &command) {
-    const char *const arguments[] = {"sh", "-c", command.c_str(), nullptr};
-    EXPECT_EQ(wxExecute(arguments, wxEXEC_SYNC | wxEXEC_NODISABLE), 0) << command;
-    wxTheApp->Yield();
 }
 
 // Raising a minimised window restores it as well; only a window that notes what it is told shows which was asked for.
@@ -52,6 +44,15 @@ struct NotingWindow : LoginDialog {
 // The window's controls of interest, by their place among its children.
 enum Child { kBanner = 1, kCaption = 3, kUser = 4, kPassword = 6, kLogIn = 7, kExit = 10, kMessage = 11 };
 
+// The icon's place in the tray: a window of this process, plugged into the tray's own. Null while there is none.
+GtkWidget *trayIcon() {
+    g_autoptr(GList) windows = gtk_window_list_toplevels();
+    GList *found = windows;
+    while (found && !GTK_IS_PLUG(found->data))
+        found = found->next;
+    return found ? GTK_WIDGET(found->data) : nullptr;
+}
+
 class Window : public testing::Test {
   protected:
     void build() {
@@ -64,26 +65,24 @@ class Window : public testing::Test {
     wxWindow *child(Child which) const {
         return window->GetChildren().Item(which)->GetData();
     }
-    wxString message() const {
-        return child(kMessage)->GetLabel();
-    }
     // Clicks where the pointer lights up the button: the window manager may still be placing the window.
     void click(wxWindow *button) {
         EXPECT_TRUE(until([&] {
-            const wxPoint place = button->GetScreenPosition() + button->GetSize() / 2;
-            act("xdotool mousemove " + std::to_string(place.x) + " " + std::to_string(place.y));
+            mouse.MouseMove(button->GetScreenPosition() + button->GetSize() / 2);
             return gtk_widget_get_state_flags(button->GetHandle()) & GTK_STATE_FLAG_PRELIGHT;
         }));
-        act("xdotool click 1");
+        mouse.MouseClick();
     }
-    void clickTray(int mouseButton) {
-        act("eval $(xdotool search --onlyvisible --class trayer getwindowgeometry --shell) && "
-            "xdotool mousemove $((X + WIDTH / 2)) $((Y + HEIGHT / 2)) click " +
-            std::to_string(mouseButton));
+    void clickTray(int button) {
+        ASSERT_TRUE(until([] { return trayIcon() && gtk_widget_get_mapped(trayIcon()); }));
+        wxPoint place;
+        gdk_window_get_origin(gtk_widget_get_window(trayIcon()), &place.x, &place.y);
+        mouse.MouseMove(place + wxPoint(5, 5));
+        mouse.MouseClick(button);
     }
     void takePicture(const std::string &name) {
         window->Layout();
-        act("xdotool mousemove 0 0");
+        mouse.MouseMove(0, 0);
         until([] { return false; }, 300ms); // what is drawn bit by bit
         const wxSize size = window->GetClientSize();
         GdkWindow *drawn = gtk_widget_get_window(window->GetHandle());
@@ -95,16 +94,8 @@ class Window : public testing::Test {
     }
 
     wxWeakRef<NotingWindow> window;
+    wxUIActionSimulator mouse;
 };
-
-TEST_F(Window, IsLightOnADarkDesktop) {
-    ForceLightMode();
-    wxFrame frame(nullptr, wxID_ANY, "");
-    frame.Show();
-    gboolean dark = TRUE;
-    g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
-    EXPECT_FALSE(dark);
-}
 
 using Item = std::tuple<int, int, int, std::string>; // proportion, flags, border, what it is
 
@@ -155,49 +146,19 @@ TEST_F(Window, IsBuiltAsDesigned) {
     EXPECT_EQ(items, expected);
     EXPECT_TRUE(dynamic_cast<wxBoxSizer *>(window->GetSizer())->IsVertical());
 
-    wxString tooltip; // the tray's icon is a top-level window of this process, plugged into the tray's own
-    for (GList *each = gtk_window_list_toplevels(); each; each = g_list_delete_link(each, each)) {
-        if (GTK_IS_PLUG(each->data))
-            tooltip +=
-                wxString::FromUTF8(wxCharBuffer::CreateOwned(gtk_widget_get_tooltip_text(GTK_WIDGET(each->data))));
-    }
-    EXPECT_EQ(tooltip, "Korvane");
-    EXPECT_EQ(child(kUser)->GetBackgroundColour(), *wxWHITE);
-    EXPECT_EQ(child(kPassword)->GetBackgroundColour(), *wxWHITE);
+    g_autofree char *tooltip = gtk_widget_get_tooltip_text(trayIcon());
+    EXPECT_STREQ(tooltip, "Korvane");
+    for (const Child field : {kUser, kPassword})
+        EXPECT_EQ(child(field)->GetBackgroundColour(), *wxWHITE);
     EXPECT_EQ(window->GetBackgroundColour(), wxColour(240, 240, 240));
     EXPECT_EQ(window->GetForegroundColour(), *wxBLACK);
     EXPECT_EQ(window->GetWindowStyle() & ~wxTAB_TRAVERSAL, wxDEFAULT_FRAME_STYLE);
-    EXPECT_EQ(window->GetTitle(), "");
-    EXPECT_FALSE(window->IsShown());
+    EXPECT_TRUE(window->GetTitle().empty() && !window->IsShown());
     EXPECT_EQ(window->GetIcons().GetIconCount(), 1u);
     EXPECT_EQ(window->GetClientSize(), window->GetSizer()->GetMinSize());
     const wxRect screen = wxGetClientDisplayRect();
     const wxPoint offset = window->GetPosition() + window->GetSize() / 2 - screen.GetPosition() - screen.GetSize() / 2;
     EXPECT_TRUE(std::abs(offset.x) <= 1 && std::abs(offset.y) <= 1) << offset.x << ", " << offset.y;
-}
-
-TEST_F(Window, BannerHasItsSizeWhateverThePictures) {
-    fs::copy(kFolder, "own");
-    for (const wxSize &size : {wxSize(400, 300), wxSize(1000, 37), wxSize(0, 0), wxSize(-1, -1)}) {
-        fs::remove(kFolder / "Korvane.bmp");
-        fs::remove(kFolder / "offline.png");
-        if (size.x > 0) {
-            wxImage(size).SaveFile((kFolder / "Korvane.bmp").string(), wxBITMAP_TYPE_BMP);
-        } else if (size.x < 0) {
-            std::ofstream(kFolder / "Korvane.bmp") << "BM, no picture";
-            std::ofstream(kFolder / "offline.png") << "\x89PNG, no picture";
-        }
-        testing::internal::CaptureStderr();
-        build();
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(child(kBanner)->GetSize(), wxSize(400, 300));
-        EXPECT_EQ(window->GetIcons().GetIconCount(), size.x > 0 ? 1u : 0u);
-        const wxImage shown = dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
-        EXPECT_EQ(shown.GetRed(200, 150), size.x > 0 ? 0 : window->GetBackgroundColour().Red());
-        delete window;
-    }
-    for (const char *name : {"Korvane.bmp", "offline.png"})
-        fs::copy_file(fs::path("own") / name, kFolder / name, fs::copy_options::overwrite_existing);
 }
 
 TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
@@ -212,7 +173,7 @@ TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
     wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
     child(kLogIn)->ProcessWindowEvent(press);
     std::setlocale(LC_ALL, "C.UTF-8");
-    EXPECT_EQ(message(), "Please fill both the fields.");
+    EXPECT_EQ(child(kMessage)->GetLabel(), "Please fill both the fields.");
 }
 
 TEST_F(Window, LogInChecksTheFields) {
@@ -234,7 +195,7 @@ TEST_F(Window, LogInChecksTheFields) {
         window->SetPassword(password);
         child(kCaption)->Move(1, 1);
         click(child(kLogIn));
-        EXPECT_TRUE(until([&, said = said] { return message() == said; })) << message();
+        EXPECT_TRUE(until([&, said = said] { return child(kMessage)->GetLabel() == said; })) << said;
         EXPECT_EQ(child(kCaption)->GetPosition(), laidOut ? home : wxPoint(1, 1)) << said;
         takePicture(name);
     }
@@ -245,31 +206,26 @@ TEST_F(Window, StaysOpenAndComesBackFromTheTray) {
     window->Show(true);
     ASSERT_TRUE(comesToTheFront());
     click(child(kExit));
+    window->Close();
     window->Close(true);
-    act("wmctrl -c :ACTIVE:");
+    wxTheApp->Yield();
     ASSERT_TRUE(window && window->IsShown());
 
-    act("xdotool getactivewindow windowminimize");
-    ASSERT_TRUE(until([this] { return !window || !window->IsShown(); }) && window);
-    clickTray(3);
-    clickTray(2);
-    act("xdotool mousemove 0 0"); // comes after them
+    window->wxFrame::Iconize(true);
+    ASSERT_TRUE(until([this] { return !window->IsShown(); }));
+    clickTray(wxMOUSE_BTN_RIGHT);
+    clickTray(wxMOUSE_BTN_MIDDLE);
+    wxTheApp->Yield();
     EXPECT_FALSE(window->IsShown());
-    clickTray(1);
+    clickTray(wxMOUSE_BTN_LEFT);
     EXPECT_TRUE(comesToTheFront());
 
     wxFrame other(nullptr, wxID_ANY, "in front of it");
     other.Maximize();
     other.Show();
     ASSERT_TRUE(until([&] { return other.IsActive(); }));
-    clickTray(1);
+    clickTray(wxMOUSE_BTN_LEFT);
     EXPECT_TRUE(comesToTheFront());
-    click(child(kLogIn));
-    EXPECT_TRUE(until([this] { return message() == "User Id can't be blank."; }));
-}
-
-bool trayIsEmpty() {
-    return std::system("xwininfo -tree -id $(xdotool search --onlyvisible --class trayer) | grep -q ui_tests") != 0;
 }
 
 TEST_F(Window, WindowAndIconGoInAnyOrder) {
@@ -279,11 +235,11 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     wxWeakRef<KorvaneTrayIcon> icon = new KorvaneTrayIcon(window);
     delete icon;
     icon = new KorvaneTrayIcon(window);
-    EXPECT_TRUE(until([] { return !trayIsEmpty(); }));
+    EXPECT_TRUE(trayIcon());
     delete window;
     ASSERT_TRUE(icon);
     icon->ProcessEvent(click); // as one that was under way: the window is gone, the icon nearly
-    EXPECT_TRUE(until([&] { return !icon && trayIsEmpty(); }));
+    EXPECT_TRUE(until([&] { return !icon && !trayIcon(); }));
 
     // Destroyed by a handler of what the click does: the window first, and at once.
     build();
@@ -297,6 +253,28 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     icon = new KorvaneTrayIcon(window);
     icon->ProcessEvent(click);
     EXPECT_TRUE(window->IsShown() && window->restored); // by the click itself, before anything else happens
+}
+
+// The last one: it leaves other pictures beside the executable.
+TEST_F(Window, BannerHasItsSizeWhateverThePictures) {
+    for (const wxSize &size : {wxSize(400, 300), wxSize(1000, 37), wxSize(0, 0), wxSize(-1, -1)}) {
+        fs::remove(kFolder / "Korvane.bmp");
+        fs::remove(kFolder / "offline.png");
+        if (size.x > 0) {
+            wxImage(size).SaveFile((kFolder / "Korvane.bmp").string(), wxBITMAP_TYPE_BMP);
+        } else if (size.x < 0) {
+            std::ofstream(kFolder / "Korvane.bmp") << "BM, no picture";
+            std::ofstream(kFolder / "offline.png") << "\x89PNG, no picture";
+        }
+        testing::internal::CaptureStderr();
+        build();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_EQ(child(kBanner)->GetSize(), wxSize(400, 300));
+        EXPECT_EQ(window->GetIcons().GetIconCount(), size.x > 0 ? 1u : 0u);
+        const wxImage shown = dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
+        EXPECT_EQ(shown.GetRed(200, 150), size.x > 0 ? 0 : window->GetBackgroundColour().Red());
+        delete window;
+    }
 }
 
 } // namespace

@@ -26,7 +26,7 @@ extern const mach_port_t kIOMainPortDefault;
 CFMutableDictionaryRef IOServiceMatching(const char *name);
 
 // Stores a new iterator over the services that match. Consumes the dictionary, also when it fails. Fails when no X
-// server is named at all.
+// server is named at all, or when 16 objects have not been released.
 kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching, io_iterator_t *existing);
 
 // Returns the next object, which the caller releases, or 0 after the last.

@@ -1,0 +1,45 @@
+"""What a launcher does, step by step, as strace(1) sees it; and what it makes of system calls that fail."""
+import pathlib
+import re
+
+STEPS = pathlib.Path("/tmp/steps")
+QUICKLY = f"/usr/bin/strace -D -f --seccomp-bpf -qq -s 999 -o {STEPS} -e inject=clock_nanosleep:retval=0".split()
+QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fsync,?rename,?renameat,?renameat2"]
+# The lines of its log that count, and what steps() calls them.
+PATTERNS = {
+    r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
+    r"connect\(.*htons\(443\)": "ask",
+    r"(fsync|rename)\w*\(": "disk",
+    r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt|KR.download).*O_": "open",
+    r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
+}
+
+
+def quickly(command):
+    """The command, run so that its sleeps return at once and steps() tells what it does."""
+    STEPS.write_text("")
+    STEPS.chmod(0o666)
+    return [*QUICKLY, *command]
+
+
+def steps():
+    """The steps so far, each ended by "; "."""
+    found_steps = []
+    for line in STEPS.read_text(errors="replace").splitlines():
+        for pattern, step in PATTERNS.items():
+            found = re.search(pattern, line)
+            if found:
+                found_steps.append(" ".join([step, *found.groups()]))
+    return "; ".join(found_steps).replace('\\"', '"').replace("\\\\", "\\") + "; "
+
+
+def failing(call, error, command):
+    """The command, run so that the first such system call fails."""
+    return [*f"/usr/bin/strace -D -f -o /dev/null -e inject={call}:error={error}:when=1".split(), *command]
+
+
+def fail_from_now_on(call, error, pid):
+    """The command that makes every such system call of a process's main thread fail, and how to tell that it does."""
+    status = pathlib.Path(f"/proc/{pid}/status")
+    command = f"/usr/bin/strace -qq -o /dev/null -e inject={call}:error={error} -p {pid}".split()
+    return command, lambda: "TracerPid:\t0\n" not in status.read_text()
