@@ -35,8 +35,7 @@ def main():
         def ready():
             # Openbox may overlook what was asked of it while it started until something else comes.
             subprocess.run(["wmctrl", "-s", "0"], **quiet)
-            windows = subprocess.run(["xprop", "-root", "_NET_CLIENT_LIST"], env=environment, capture_output=True)
-            return b"0x" in windows.stdout
+            return subprocess.run(["wmctrl", "-l"], env=environment, capture_output=True).stdout
 
         machine.until(ready, "the window manager shows the tray")
         command = [FOLDER / pathlib.Path(sys.argv[1]).name, *sys.argv[2:]]

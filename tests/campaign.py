@@ -1,9 +1,9 @@
-"""A round of the fault campaign, on a machine of its own: one fault, and the promises that hold whatever happens.
+"""The fault campaign: one fault in a round of its own, and the promises that hold whatever happens.
 
-    campaign.py SEED FAULT
+    campaign.py FAULT
 
-Prints what has become of the installed executable; ends with status 1 and the reason when a promise is broken. The same
-seed plays the same round. script/campaign plays them all.
+plays a round, inside sandbox/enter, and ends with status 1 when a promise is broken. The same SEED in the environment
+plays the same round. Without a FAULT it lists them: each is a test of CTest's.
 """
 import dataclasses
 import os
@@ -12,6 +12,8 @@ import resource
 import shutil
 import subprocess
 import sys
+import threading
+import time
 import typing
 
 import machine as sandbox
@@ -19,7 +21,7 @@ import name_servers
 import service
 import strace
 import tools
-from machine import AGENT, until
+from machine import AGENT, LOCK, until
 
 OLD = sandbox.companion_program("2.5")
 ROUND_SECONDS = 110  # the mandated pauses and the longest waits, one after the other, with room to spare
@@ -36,7 +38,6 @@ class Fault:
     downloads: int = None  # how often the executable is asked for; None: it depends
     status: int = None  # of the launcher; None: it lives
     limits: tuple = ()  # the seconds after which it goes away from a service that is silent, each time
-    long: bool = False  # takes more than half a minute, most of it asleep
 
 
 class Round:
@@ -130,12 +131,23 @@ def outlive_its_end(r):
     r.machine.start([r.target, "1000"])
 
 
-def kill(r):
-    """At any moment, often in the download."""
-    r.command = ["/usr/bin/timeout", "-s", "KILL", str(random.uniform(2, 7)), r.machine.launcher_path]
-    r.done = lambda: False
-    if random.random() < 0.5:
-        r.service.faults["download"] = service.stall(r.offset)
+def killed(name):
+    """The launcher, or what it cannot live without, at any moment after it has begun; often in the download."""
+
+    def bring_about(r):
+        delay = random.uniform(0, 5)
+        if random.random() < 0.5:
+            r.service.faults["download"] = service.stall(r.offset)
+
+        def strike():
+            until(LOCK.exists, "the launcher has begun")
+            time.sleep(delay)
+            sandbox.end_all(name)
+
+        threading.Thread(target=strike).start()
+        r.done = lambda: False
+
+    return bring_about
 
 
 MARKER = "../../../Korvane.app/Contents/Resources/Korvane.version"
@@ -143,34 +155,35 @@ NEW = {"outcomes": ["new"], "downloads": 1}
 OUTDATED = NEW | {"status": 255}  # a marker that is no version counts as 0.0
 NOT_ASKED = {"downloads": 0}
 NO_START = {"starts": 0}
-LONG = {"long": True}
+ANY = {"outcomes": ["old", "new"], "starts": None}
 SILENCE = {"faults": {"connect": service.no_handshake()}}
 
+# CTest starts them in this order: those that sleep longest come first.
 FAULTS = {
+    "download: slow": Fault(large_download(126_000, service.trickle(2048)), **NEW),
+    "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30)),
+    "handshake: never ends": Fault(change(**SILENCE), **NO_START, limits=(15, 15)),
+    "name: servers are silent": Fault(silent_name_servers, **NO_START),
+    "download: no handshake": Fault(answer("version", service.and_then(**SILENCE)), **NOT_ASKED, limits=(15, 15)),
+    "killed": Fault(killed("Korvane"), **ANY, status=-9),
+    "display: lost": Fault(killed("Xvfb"), **ANY, status=1),
+    "version: late": Fault(answer("version", service.pause(20)), **NEW),
+    "handshake: late": Fault(answer("connect", service.late_handshake(10)), **NEW),
+    "download: too slow": Fault(large_download(50_000, service.trickle(512))),
+    "download: stalled": Fault(answer("download", service.stall(500)), downloads=1, limits=(30,)),
+    "download: pauses": Fault(large_download(50_000, service.pause(20, 5000)), **NEW),
     "none": Fault(change(), **NEW),
-    "version: late": Fault(answer("version", service.pause(20)), **NEW, **LONG),
     "version: long": Fault(long_version(60 << 10), **NEW),
     "version: too long": Fault(long_version(1 << 20), **NO_START),
     "version: endless": Fault(answer("version", service.endless()), **NO_START),
     "version: redirect": Fault(break_off("version", lambda _: service.redirect()), **NO_START),
-    "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30), **LONG),
     "version: error with a version": Fault(answer("version", service.status(500)), **NEW),
     "download: empty": Fault(answer("download", service.body(b""))),
-    "download: pauses": Fault(large_download(50_000, service.pause(20, 5000)), **NEW),
-    "download: slow": Fault(large_download(126_000, service.trickle(2048)), **NEW, **LONG),
-    "download: too slow": Fault(large_download(50_000, service.trickle(512)), **LONG),
     "download: redirect": Fault(answer("download", service.redirect()), downloads=1),
     "download: partial": Fault(answer("download", service.status(206))),
     "download: wrong host": Fault(answer("version", service.and_then(certificate="wrong-host")), **NOT_ASKED),
     "download: self-signed": Fault(answer("version", service.and_then(certificate="self-signed")), **NOT_ASKED),
-    "download: no handshake": Fault(
-        answer("version", service.and_then(**SILENCE)), **NOT_ASKED, limits=(15, 15), **LONG
-    ),
-    "download: stalled": Fault(answer("download", service.stall(500)), downloads=1, limits=(30,), **LONG),
-    "handshake: late": Fault(answer("connect", service.late_handshake(10)), **NEW, **LONG),
-    "handshake: never ends": Fault(change(**SILENCE), **NO_START, limits=(15, 15), **LONG),
     "name: does not resolve": Fault(shell("echo >/etc/hosts"), **NO_START),
-    "name: servers are silent": Fault(silent_name_servers, **NO_START, **LONG),
     "disk: full": Fault(full_disk),
     "disk: close fails": Fault(failing_close),
     "folder: read-only": Fault(shell("chmod 555 ."), **NOT_ASKED),
@@ -180,7 +193,6 @@ FAULTS = {
     "target: read-only": Fault(shell("chmod 444 KR"), **NOT_ASKED),
     "target: another user's": Fault(shell("chown root . KR; chmod 1777 ."), **NOT_ASKED),
     "target: goes on running": Fault(outlive_its_end, **NEW),
-    "killed": Fault(kill, outcomes=["old", "new"], starts=None, status=-9),
     "open: fails": Fault(lambda r: tools.replace("open", "exit 1"), **NEW),
     "marker: pipe": Fault(shell(f"rm {MARKER}; mkfifo {MARKER}"), **OUTDATED),
     "marker: endless line": Fault(shell(f"truncate --size 0 {MARKER}; truncate --size 1G {MARKER}"), **OUTDATED),
@@ -256,6 +268,9 @@ def play(machine, fault):
 
 
 if __name__ == "__main__":
-    random.seed(sys.argv[1])
-    with sandbox.Machine() as machine:
-        print(play(machine, FAULTS[sys.argv[2]]))
+    if len(sys.argv) == 1:
+        print(*FAULTS, sep="\n")
+    else:
+        random.seed(os.environ["SEED"] + sys.argv[1])
+        with sandbox.Machine() as machine:
+            print(play(machine, FAULTS[sys.argv[1]]))
