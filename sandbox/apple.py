@@ -1,12 +1,11 @@
-"""Stand-ins for what only a Mac has: Apple's tools, and a build with them. For script/release, which runs nothing else.
+"""Stand-ins for what only a Mac has: Apple's tools, and a build with them, for script/release and script/check-bundle.
 
-Each call is noted in CALLS, and does what TOOLS says, a shell command; a call that is not listed fails.
+Each call does what TOOLS says, a shell command; a call that is not listed fails.
 """
 import os
-import pathlib
 
-FOLDER = pathlib.Path("/tmp/apple")
-CALLS = pathlib.Path("/tmp/called")
+import tools
+
 TEAM = "ABCDE12345"
 APPLICATION = f"Developer ID Application: Mervix ({TEAM})"
 INSTALLER = f"Developer ID Installer: Mervix ({TEAM})"
@@ -31,6 +30,8 @@ TOOLS = {
     "productsign --sign": 'cp "$3" "$4"',
     "pkgutil --check-signature": "",
     "xcrun notarytool": "[ $2 = submit ] || echo the log",
+    "plutil -lint": "",
+    "lsappinfo list": 'echo "    pid = $(pgrep -x Korvane) token=[7] type=\\"UIElement\\" flavor=3"',
     "plutil -extract": "[ $2 = id ] && echo 7 || echo Accepted",
     "xcrun stapler": "",
     "spctl --assess": "",
@@ -43,16 +44,8 @@ TOOLS = {
 
 def install(changes):
     """Installs the tools, some of them changed; returns the environment that finds them before all others."""
-    body = f'#!/bin/bash\necho "${{0##*/}} $*" >>{CALLS}\ncase "${{0##*/}} $1" in\n'
-    body += "".join(f'"{call}"*) {does} ;;\n' for call, does in (TOOLS | changes).items())
-    FOLDER.mkdir(exist_ok=True)
+    tools.install()
+    cases = "".join(f'"{call}"*) {does} ;;\n' for call, does in (TOOLS | changes).items())
     for name in {call.split()[0] for call in TOOLS}:
-        (FOLDER / name).write_text(body + "*) echo unknown; exit 9 ;;\nesac\n")
-        (FOLDER / name).chmod(0o755)
-    CALLS.write_text("")
-    return os.environ | {"PATH": f"{FOLDER}:{os.environ['PATH']}"}
-
-
-def calls():
-    """The calls so far, with their arguments, in order."""
-    return CALLS.read_text().splitlines()
+        tools.replace(name, f'case "{name} $1" in\n{cases}*) echo unknown; exit 9 ;;\nesac')
+    return os.environ | {"PATH": f"{tools.PATH}:{os.environ['PATH']}"}

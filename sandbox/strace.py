@@ -35,7 +35,8 @@ def steps():
 
 def failing(call, error, command):
     """The command, run so that the first such system call fails."""
-    return [*f"/usr/bin/strace -D -f -o /dev/null -e inject={call}:error={error}:when=1".split(), *command]
+    options = f"-D -f --seccomp-bpf -o /dev/null -e trace={call} -e inject={call}:error={error}:when=1"
+    return ["/usr/bin/strace", *options.split(), *command]
 
 
 def fail_from_now_on(call, error, pid):

@@ -1,4 +1,4 @@
-"""The only tools that a launcher with this PATH finds; each call of one is noted."""
+"""Stand-ins for tools, in a folder of their own; each call of one is noted."""
 import pathlib
 
 PATH = pathlib.Path("/tmp/tools")
@@ -12,13 +12,14 @@ def replace(name, body):
 
 
 def install():
-    PATH.mkdir()
+    """Begins with those that the launcher calls, doing what they do, and with no call."""
+    PATH.mkdir(exist_ok=True)
     for name in ("open", "pgrep", "pkill"):
         replace(name, f'exec /source/compat/bin/{name} "$@"')
     CALLS.write_text("")
     CALLS.chmod(0o666)
 
 
-def calls(name):
-    """How each call of the tool was made: its arguments, in order."""
-    return [line.removeprefix(name + " ") for line in CALLS.read_text().splitlines() if line.startswith(name)]
+def calls(name=""):
+    """How this tool was called, or each of them: its name and arguments, in order."""
+    return [line for line in CALLS.read_text().splitlines() if line.startswith(name)]

@@ -11,8 +11,9 @@ import sys
 
 import apple
 import service
+import tools
 from apple import APPLICATION, INSTALLER, PACKAGE, TEAM, TOOLS
-from machine import Machine
+from machine import AS_ALICE, Machine
 
 PROJECT = pathlib.Path("/tmp/a folder/korvane")
 IDENTITIES = ["--application", APPLICATION, "--installer", INSTALLER, "--notary-profile", "vendor"]
@@ -24,7 +25,7 @@ def release(*arguments, **changes):
     command = [PROJECT / "script/release", "--host", "vendor.example", "--companion", "/source/sandbox/KR.app"]
     done = subprocess.run([*command, *arguments], env=apple.install(changes), capture_output=True, text=True)
     made = {path.name for path in PROJECT.glob("build/Korvane-*/*")}
-    return done, [" ".join(call.split()[:2]) for call in apple.calls()], made
+    return done, [" ".join(call.split()[:2]) for call in tools.calls()], made
 
 
 def test_release_is_made_in_order_or_not_at_all():
@@ -105,7 +106,7 @@ def test_installed_folder_can_be_sealed():
     def sign(identity, **changes):
         command = f"/usr/bin/cmake -D FOLDER={stage} -D 'IDENTITY={identity}' -P /source/packaging/sign.cmake"
         status = subprocess.run(["sh", "-c", command], env=apple.install(changes)).returncode
-        return status, [call.replace(f"{stage}/", "").removeprefix("codesign ") for call in apple.calls()]
+        return status, [call.replace(f"{stage}/", "").removeprefix("codesign ") for call in tools.calls()]
 
     seal = f"--force --sign {APPLICATION} --options runtime --timestamp"
     expected = [f"{seal} {library.relative_to(stage)}" for library in libraries if not library.is_symlink()]
@@ -114,6 +115,25 @@ def test_installed_folder_can_be_sealed():
     assert sign(APPLICATION) == (0, expected), sign(APPLICATION)
     status, calls = sign("-", **{"codesign --verify": "exit 1"})
     assert status and "runtime" not in " ".join(calls), calls
+
+
+def test_check_bundle_starts_and_ends_the_launcher():
+    # The process has checked in when it is asked for the second time.
+    type_of = """[ -e /tmp/asked ] && type='"BackgroundOnly"' || type='[ NULL ]'; >/tmp/asked"""
+    late = type_of + '; echo "pid = $(pgrep -x Korvane) !signalled type=$type flavor=3"'
+    table = [
+        ("", {"lsappinfo list": late}),
+        ("shows in the Dock", {"lsappinfo list": TOOLS["lsappinfo list"].replace("UIElement", "Foreground")}),
+        ("no property list", {"plutil -lint": "exit 1"}),
+        ("the seal of", {"codesign --verify": "exit 1"}),
+    ]
+    with Machine() as machine:
+        machine.offer("2.5")
+        for reason, changes in table:
+            environment = machine.environment | {"PATH": apple.install(changes)["PATH"]}
+            command = ["/source/script/check-bundle", machine.folder]
+            done = subprocess.run(command, env=environment, capture_output=True, text=True, **AS_ALICE)
+            assert done.returncode == bool(reason) and reason in done.stderr and not machine.flag.exists(), done
 
 
 def test_check_service_tells_what_the_launcher_makes_of_it():
