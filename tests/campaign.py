@@ -1,21 +1,19 @@
 """The fault campaign: one fault in a round of its own, and the promises that hold whatever happens.
 
-    campaign.py FAULT
-
-plays a round, inside sandbox/enter, and ends with status 1 when a promise is broken. The same SEED in the environment
-plays the same round. Without a FAULT it lists them: each is a test of CTest's.
+Each fault is a test of CTest's. The same SEED in the environment plays the same rounds.
 """
 import dataclasses
+import functools
 import os
 import random
 import resource
 import shutil
 import subprocess
-import sys
 import threading
 import time
 import typing
 
+import by_name
 import machine as sandbox
 import name_servers
 import service
@@ -267,10 +265,11 @@ def play(machine, fault):
     return found
 
 
+def play_on_a_machine(name):
+    random.seed(os.environ["SEED"] + name)
+    with sandbox.Machine() as machine:
+        print(play(machine, FAULTS[name]))
+
+
 if __name__ == "__main__":
-    if len(sys.argv) == 1:
-        print(*FAULTS, sep="\n")
-    else:
-        random.seed(os.environ["SEED"] + sys.argv[1])
-        with sandbox.Machine() as machine:
-            print(play(machine, FAULTS[sys.argv[1]]))
+    by_name.main({name: functools.partial(play_on_a_machine, name) for name in FAULTS})

@@ -7,9 +7,9 @@ import pathlib
 import plistlib
 import shutil
 import subprocess
-import sys
 
 import apple
+import by_name
 import service
 import tools
 from apple import APPLICATION, INSTALLER, PACKAGE, TEAM, TOOLS
@@ -162,4 +162,4 @@ def test_check_service_tells_what_the_launcher_makes_of_it():
 
 
 if __name__ == "__main__":
-    globals()["test_" + sys.argv[1]]()
+    by_name.main(by_name.scenarios(globals()))

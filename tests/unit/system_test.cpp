@@ -3,6 +3,7 @@
 #include "app/Globals.h"
 #include "app/UserName.h"
 #include "platform/Platform.h"
+#include "supervise/CompanionProcess.h"
 #include "supervise/ManualExitFlag.h"
 #include "supervise/Supervision.h"
 
@@ -13,6 +14,7 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <optional>
+#include <sys/resource.h>
 #include <wx/app.h>
 
 namespace fs = std::filesystem;
@@ -49,6 +51,15 @@ TEST(System, UserIsTheFirstVariableThatIsSet) {
         setVariable("LOGNAME", logname);
         EXPECT_EQ(getOSUsername(), name);
     }
+}
+
+TEST(System, CompanionIsGoneWhenNothingCanLookForIt) {
+    rlimit files = {};
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(KR_TitleCheck());
+    setrlimit(RLIMIT_NOFILE, &files);
 }
 
 TEST(System, FlagOfTheUserEndsTheMainLoopOnItsOwnThread) {
