@@ -9,6 +9,7 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import time
 
 import certificates
@@ -92,6 +93,12 @@ class Machine(Processes):
         display, _ = self.start_display()
         self.environment = os.environ | {"HOME": str(HOME), "USER": USER, "DISPLAY": display}
         return self
+
+    def __exit__(self, error, *details):
+        if error:
+            for trace in sorted(pathlib.Path("/tmp").glob("trace*")):
+                print(f"{trace}:\n{trace.read_text(errors='replace')[-3000:]}", file=sys.stderr)
+        return super().__exit__(error, *details)
 
     def offer(self, companion, launcher="2.5", payload=None):
         """Sets what the service reports for the companion and the launcher, and the download."""

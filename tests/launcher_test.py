@@ -1,7 +1,4 @@
-"""The built launcher, from its bundle, against a real service and real processes. Runs inside sandbox/enter.
-
-    launcher_test.py NAME [ARGUMENT...]
-"""
+"""The built launcher, from its bundle, against a real service and real processes."""
 import fcntl
 import functools
 import pathlib
@@ -11,7 +8,6 @@ import shutil
 import signal
 import subprocess
 
-import by_name
 import service
 from machine import AGENT, HOME, LOCK, PATH_TRACE, Machine
 from machine import companion_program, companions, end, end_all, processes, state, until
@@ -107,6 +103,11 @@ def test_every_way_to_start_finds_the_folder():
         ways += [(program, launcher), (link, launcher), ("../link", launcher)]
         for library in pathlib.Path("/usr/lib").glob("*/libwx_*.0"):  # the bundle brings its own
             subprocess.run(["mount", "--bind", "/dev/null", library], check=True)
+        # A user name that is empty is waited for.
+        nameless = machine.launch(quickly=True, environment=machine.environment | {"USER": ""})
+        until(lambda: steps().count("sleep") > 9, "waiting")
+        assert re.fullmatch(f"{LOCKED}(sleep 1; )+", steps()) and not machine.service.order(), steps()
+        end(nameless)
         # The environment that launchd gives, and a display.
         bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
         for path, raw in ways:
@@ -160,15 +161,6 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
         assert machine.flag.exists()
 
 
-def test_start_waits_for_a_user_name_that_is_empty():
-    with Machine() as machine:
-        machine.offer("2.6")
-        machine.launch(quickly=True, environment=machine.environment | {"USER": ""})
-        until(lambda: steps().count("sleep") > 9, "waiting")
-        assert re.fullmatch(f"{LOCKED}(sleep 1; )+", steps()), steps()
-        assert machine.service.order() == [] and not PATH_TRACE.exists()
-
-
 def test_outdated_launcher_ends_itself():
     # The launcher's own command line matches its stop command, which must leave it alone.
     with Machine(folder="/home/alice/Any KR folder") as machine:
@@ -177,7 +169,7 @@ def test_outdated_launcher_ends_itself():
         assert machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] and not AGENT.exists()
 
         # Inside a running event loop wxExit returns: the window is told, the loop ends, and nothing more is started.
-        use_in_loop(machine)
+        shutil.copy("/build/tests/in_loop", machine.launcher_path)
         launcher = machine.launch(command=[machine.launcher_path, "window"])
         assert launcher.wait(60) == 0
         told = [line for line in launcher.output.read_text().splitlines() if line in ("wxExit", "told to close")]
@@ -185,16 +177,12 @@ def test_outdated_launcher_ends_itself():
         assert machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] * 2 and not AGENT.exists()
 
 
-def use_in_loop(machine):
-    shutil.copy("/build/tests/in_loop", machine.launcher_path)
-
-
 def end_while(how, thread):
     """Ends the process under a thread that is "supervising", cycle after cycle, or "downloading" without end: nothing
     waits for it, and all that it uses is still there when all else has been torn down."""
     number, status = {"of_the_loop": (signal.SIGUSR1, 0), "by_exit": (signal.SIGUSR2, 7)}[how]
     with Machine() as machine, open("/tmp/held", "w") as held:
-        use_in_loop(machine)
+        shutil.copy("/build/tests/in_loop", machine.launcher_path)
         fcntl.flock(held, fcntl.LOCK_EX)
         machine.offer("2.5")
         launcher = machine.launch()
@@ -219,10 +207,7 @@ def end_while(how, thread):
         assert launcher.wait(60) == status and state(machine.companion) == before
 
 
-TESTS = by_name.scenarios(globals())
+TESTS = {name[5:]: test for name, test in globals().items() if name.startswith("test_")}
 for how in ("of_the_loop", "by_exit"):
     for thread in ("supervising", "downloading"):
         TESTS[f"end_{how}_while_{thread}"] = functools.partial(end_while, how, thread)
-
-if __name__ == "__main__":
-    by_name.main(TESTS)

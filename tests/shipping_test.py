@@ -1,7 +1,4 @@
-"""What the vendor's engineers run and hand out: a release, the installed folder, the check of a service.
-
-    shipping_test.py NAME
-"""
+"""What the vendor's engineers run and hand out: a release, the installed folder, the check of a service."""
 import os
 import pathlib
 import plistlib
@@ -9,7 +6,6 @@ import shutil
 import subprocess
 
 import apple
-import by_name
 import service
 import tools
 from apple import APPLICATION, INSTALLER, PACKAGE, TEAM, TOOLS
@@ -74,10 +70,6 @@ def test_release_is_made_in_order_or_not_at_all():
         assert done.returncode == 1 and reason in done.stderr and not made, (reason, done, made)
 
 
-def names(folder):
-    return {path.name for path in folder.iterdir()}
-
-
 def test_installed_folder_can_be_sealed():
     """Code alone where code belongs, and links that lead nowhere else; signed from the inside out."""
     stage = pathlib.Path("/tmp/stage")
@@ -85,8 +77,11 @@ def test_installed_folder_can_be_sealed():
     contents = stage / "Korvane.app/Contents"
     libraries = sorted((contents / "Frameworks").iterdir())
     data = {"Korvane.bmp", "Korvane.version", "offline.png"}
-    assert names(stage) == {"KR.app", "Korvane", "Korvane.app"} and names(contents / "MacOS") == {"Korvane", *data}
-    assert names(contents / "Resources") == {"Korvane.icns", *data}
+    assert {*os.listdir(stage)} == {"KR.app", "Korvane", "Korvane.app"} and {*os.listdir(contents / "MacOS")} == {
+        "Korvane",
+        *data,
+    }
+    assert {*os.listdir(contents / "Resources")} == {"Korvane.icns", *data}
     assert all((contents / "MacOS" / name).readlink() == pathlib.Path("../Resources", name) for name in data)
     assert all(library.resolve() in libraries and "libwx_" in library.name for library in libraries)
     for program in (stage / "Korvane", contents / "MacOS/Korvane", stage / "KR.app/Contents/MacOS/KR"):
@@ -161,5 +156,4 @@ def test_check_service_tells_what_the_launcher_makes_of_it():
         assert all("User-Agent" not in request.headers for request in machine.service.requests)
 
 
-if __name__ == "__main__":
-    by_name.main(by_name.scenarios(globals()))
+TESTS = {name[5:]: test for name, test in globals().items() if name.startswith("test_")}

@@ -11,10 +11,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/resource.h>
+#include <thread>
 #include <wx/app.h>
 
 namespace fs = std::filesystem;
@@ -41,12 +41,9 @@ void setVariable(const char *name, const Value &value) {
 
 TEST(System, UserIsTheFirstVariableThatIsSet) {
     const Value none;
-    const std::tuple<Value, Value, std::string> table[] = {{"", "bob", ""},
-                                                           {none, " b ", " b "},
-                                                           {none, none, "unknown"},
-                                                           {"alice", "bob", "alice"},
-                                                           {"alice", none, "alice"}};
-    for (const auto &[user, logname, name] : table) {
+    using Row = std::tuple<Value, Value, std::string>;
+    for (const auto &[user, logname, name] :
+         {Row{"", "bob", ""}, Row{none, " b ", " b "}, Row{none, none, "unknown"}, Row{"alice", "bob", "alice"}}) {
         setVariable("USER", user);
         setVariable("LOGNAME", logname);
         EXPECT_EQ(getOSUsername(), name);
@@ -149,11 +146,10 @@ TEST(System, SemaphoresBlockUntilReleased) {
     static dispatch_semaphore_t semaphore = nullptr; // nothing frees it
     Platform::SemInit(semaphore, -1);
     EXPECT_EQ(semaphore, nullptr);
-    Platform::SemInit(semaphore, 1);
-    Platform::SemWait(semaphore);
+    Platform::SemInit(semaphore, 0);
     Platform::SemDestroy(semaphore); // without effect
     std::atomic<bool> released = false;
-    const auto releaser = std::async(std::launch::async, [&] {
+    std::jthread releaser([&] {
         std::this_thread::sleep_for(20ms); // time for a wait that does not block to be caught
         released = true;
         Platform::SemRelease(semaphore);
