@@ -6,6 +6,7 @@ import collections
 import json
 import os
 import pathlib
+import re
 import shlex
 import subprocess
 import sys
@@ -43,10 +44,24 @@ check process companion matching {companion}
 
 def hyperfine(runs, commands, *options, **environment):
     """Times the commands, by their names; returns what hyperfine says of each."""
-    named = [word for name, command in commands.items() for word in ("-n", name, command)]
-    run = ["hyperfine", "-N", "--style", "none", "--runs", str(runs), "--export-json", "/tmp/times", *options, *named]
+    run = ["hyperfine", "--shell=none", "--style=none", f"--runs={runs}", "--export-json=/tmp/times", *options]
+    for name, command in commands.items():
+        run += ["--command-name", name, command]
     subprocess.run(run, check=True, env=os.environ | environment, stdout=subprocess.DEVNULL)
     return json.loads(pathlib.Path("/tmp/times").read_text())["results"]
+
+
+def peak_mib(command):
+    """The most memory that the command takes, by time(1)."""
+    measured = subprocess.run(["time", "-f", "%M", *shlex.split(command)], capture_output=True, check=True)
+    return int(measured.stderr.split()[-1]) / 1024
+
+
+def spread(result, unit=1, less=0):
+    """The median of hyperfine's times, with the least and the most."""
+    median, least, most = ((result[name] - less) / unit for name in ("median", "min", "max"))
+    digits = 3 if unit == 1 else 0
+    return f"{median:.{digits}f} ({least:.{digits}f} to {most:.{digits}f})"
 
 
 def download():
@@ -64,15 +79,15 @@ def download():
     certificates.make_all()
     (certificates.FOLDER / "nginx.conf").write_text(NGINX)
     nginx = subprocess.Popen(["nginx", "-c", certificates.FOLDER / "nginx.conf"])
-    for size, runs in {8: 2, 16: 2}.items() if QUICK else {64: 15, 1024: 7}.items():
+    runs_by_size = {8: 2, 16: 2} if QUICK else {64: 15, 1024: 7}
+    for size, runs in runs_by_size.items():
         (DISK / "payload").write_bytes(os.urandom(MiB) * size)
-        results = hyperfine(runs, commands, "--warmup", "1", "--prepare", f"sh -c 'rm -f {target}*; sync'")
+        results = hyperfine(runs, commands, "--warmup=1", "--prepare", f"sh -c 'rm -f {target}*; sync'")
         print(f"\ndownload of {size} MiB   wall s (least to most)   CPU s   peak memory MiB")
         for result in results:
-            memory = ["time", "-f", "%M", *shlex.split(commands[result["command"]])]
-            kib = int(subprocess.run(memory, check=True, capture_output=True, text=True).stderr.split()[-1])
-            wall = f"{result['median']:.3f} ({result['min']:.3f} to {result['max']:.3f})"
-            print(f"{result['command']:22} {wall:24} {result['user'] + result['system']:.3f}   {kib / 1024:.1f}")
+            name = result["command"]
+            cpu = result["user"] + result["system"]
+            print(f"{name:22} {spread(result):24} {cpu:.3f}   {peak_mib(commands[name]):.1f}")
     nginx.terminate()
     subprocess.run(["rm", "-r", DISK], check=True)
 
@@ -83,30 +98,29 @@ def start(machine):
     commands = {"launcher": str(machine.launcher_path), "floor": "/build/bench/bench_floor end"}
     print("\nstart and end   ms (least to most)")
     for result in hyperfine(2 if QUICK else 15, commands, "--ignore-failure", **machine.environment):
-        pauses = 4 if result["command"] == "launcher" else 0
-        median, least, most = ((result[name] - pauses) * 1000 for name in ("median", "min", "max"))
-        print(f"{result['command']:15} {median:.0f} ({least:.0f} to {most:.0f})", flush=True)
-
-
-def thread_files(pid, name):
-    """The content of this file in /proc for each thread of the process."""
-    return [(task / name).read_text() for task in pathlib.Path(f"/proc/{pid}/task").iterdir()]
+        name = result["command"]
+        pauses = 4 if name == "launcher" else 0
+        print(f"{name:15} {spread(result, unit=0.001, less=pauses)}", flush=True)
 
 
 Usage = collections.namedtuple("Usage", "own_cpu_ms cpu_with_children_ms wakeups")
 
 
 def usage_of(pid):
-    own = sum(int(text.split()[0]) for text in thread_files(pid, "schedstat")) / 1e6
+    """What the process has used so far, from proc(5)."""
+    own = wakeups = 0
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        own += int((task / "schedstat").read_text().split()[0]) / 1e6
+        switches = re.findall(r"ctxt_switches:\s+(\d+)", (task / "status").read_text())
+        wakeups += sum(map(int, switches))
     after_name = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    with_children = sum(int(ticks) for ticks in after_name[11:15]) / os.sysconf("SC_CLK_TCK") * 1000
-    switches = [line for text in thread_files(pid, "status") for line in text.splitlines() if "ctxt_switches" in line]
-    return Usage(own, with_children, sum(int(line.split()[1]) for line in switches))
+    ticks = sum(int(field) for field in after_name[11:15])
+    return Usage(own, ticks / os.sysconf("SC_CLK_TCK") * 1000, wakeups)
 
 
 def private_mib(pid):
-    lines = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()
-    return sum(int(line.split()[1]) for line in lines if line.startswith("Private_")) / 1024
+    kib = re.findall(r"Private_\w+:\s+(\d+)", pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text())
+    return sum(map(int, kib)) / 1024
 
 
 def idle(machine):
@@ -118,9 +132,12 @@ def idle(machine):
     MONITRC.chmod(0o600)
     sandbox.own(MONITRC)
     # With the system's own pgrep, rather than the sandbox's in front of it.
-    running = {"launcher": machine.launch(environment=machine.environment | {"PATH": "/usr/bin:/bin"})}
-    for name, command in {"floor": ["/build/bench/bench_floor"], "monit": ["monit", "-I", "-c", MONITRC]}.items():
-        running[name] = machine.start(command, env=machine.environment, stdout=subprocess.DEVNULL)
+    quiet = {"env": machine.environment, "stdout": subprocess.DEVNULL}
+    running = {
+        "launcher": machine.launch(environment=machine.environment | {"PATH": "/usr/bin:/bin"}),
+        "floor": machine.start(["/build/bench/bench_floor"], **quiet),
+        "monit": machine.start(["monit", "-I", "-c", MONITRC], **quiet),
+    }
     sandbox.until(sandbox.AGENT.exists, "start-up is complete")
     time.sleep(5)
     before = {name: usage_of(process.pid) for name, process in running.items()}

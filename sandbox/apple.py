@@ -22,11 +22,14 @@ TOOLS = {
     "cmake --preset": "mkdir -p build/release/login_program",
     "cmake --build": "",
     "ctest --test-dir": "",
-    "cmake --install": f"mkdir -p {BUNDLE}/MacOS {BUNDLE}/Frameworks; "
-    f"echo https://vendor.example/ >{BUNDLE}/MacOS/Korvane",
+    "cmake --install": f"""
+        mkdir -p {BUNDLE}/MacOS {BUNDLE}/Frameworks
+        echo https://vendor.example/ >{BUNDLE}/MacOS/Korvane""",
     "cpack --config": "touch build/release/Korvane-2.5-Darwin-arm64.pkg",
-    "pkgutil --expand-full": f"mkdir -p {PACKAGE}/Payload/Applications; echo '<relocate/>' >{PACKAGE}/PackageInfo; "
-    f"cp packaging/*.dist.in {PACKAGE}/../Distribution",
+    "pkgutil --expand-full": f"""
+        mkdir -p {PACKAGE}/Payload/Applications
+        echo '<relocate/>' >{PACKAGE}/PackageInfo
+        cp packaging/*.dist.in {PACKAGE}/../Distribution""",
     "productsign --sign": 'cp "$3" "$4"',
     "pkgutil --check-signature": "",
     "xcrun notarytool": "[ $2 = submit ] || echo the log",

@@ -7,14 +7,18 @@ import subprocess
 HOST = "service.korvane.example"
 FOLDER = pathlib.Path("/run/tls")
 TRUST_STORE = "/etc/ssl/certs/ca-certificates.crt"
-REQUEST = "req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2".split()
-SIGNED = "-CA authority.crt -CAkey authority.key -addext basicConstraints=critical,CA:FALSE".split()
+REQUEST = ["req", "-x509", "-nodes", "-days", "2"]
+REQUEST += ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256"]
+SIGNED = ["-CA", "authority.crt", "-CAkey", "authority.key"]
+SIGNED += ["-addext", "basicConstraints=critical,CA:FALSE"]
 
 
 def make(name, host, *signer, command=("openssl",)):
-    subject = ["-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}"]
-    files = ["-keyout", f"{name}.key", "-out", f"{name}.crt"]
-    subprocess.run([*command, *REQUEST, *subject, *files, *signer], check=True, capture_output=True, cwd=FOLDER)
+    """Makes NAME.key and NAME.crt for this host, signed by itself or as the signer says."""
+    request = [*command, *REQUEST, *signer]
+    request += ["-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}"]
+    request += ["-keyout", f"{name}.key", "-out", f"{name}.crt"]
+    subprocess.run(request, check=True, capture_output=True, cwd=FOLDER)
 
 
 def context(name):

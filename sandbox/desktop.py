@@ -15,7 +15,8 @@ import sys
 import machine
 
 FOLDER = machine.HOME / "program"
-TRAY = "trayer --edge bottom --align right --widthtype request --height 26 --transparent false --SetPartialStrut true"
+TRAY = ["trayer", "--edge", "bottom", "--align", "right", "--widthtype", "request"]
+TRAY += ["--height", "26", "--transparent", "false", "--SetPartialStrut", "true"]
 
 
 def main():
@@ -26,11 +27,19 @@ def main():
     with machine.Processes() as processes:
         display, _ = processes.start_display()
         plain, _ = processes.start_display("-extension", "MIT-SCREEN-SAVER")
-        own = {"DISPLAY": display, "DISPLAY_WITHOUT_IDLE_TIME": plain, "HOME": str(machine.HOME), "USER": machine.USER}
-        environment = os.environ | own
-        quiet = {"env": environment, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        environment = os.environ | {
+            "DISPLAY": display,
+            "DISPLAY_WITHOUT_IDLE_TIME": plain,
+            "HOME": str(machine.HOME),
+            "USER": machine.USER,
+        }
+        quiet = {
+            "env": environment,
+            "stdout": subprocess.DEVNULL,
+            "stderr": subprocess.DEVNULL,
+        }
         processes.start(["openbox"], **quiet)
-        processes.start(TRAY.split(), **quiet)
+        processes.start(TRAY, **quiet)
 
         def ready():
             # Openbox may overlook what was asked of it while it started until something else comes.

@@ -58,7 +58,7 @@ class Processes(contextlib.ExitStack):
         """Starts an X server and returns its name and process."""
         reader, writer = os.pipe()
         process = self.start(
-            ["Xvfb", "-displayfd", str(writer), "-ac", "-screen", "0", "1024x768x24", "-noreset", *options],
+            ["Xvfb", "-displayfd", str(writer), "-ac", "-noreset", "-screen", "0", "1024x768x24", *options],
             identity=AS_ROOT,
             pass_fds=[writer],
             stdout=subprocess.DEVNULL,
@@ -116,14 +116,16 @@ class Machine(Processes):
             command = strace.quickly(command)
         self.launched += 1
         output = pathlib.Path(f"/tmp/trace{self.launched}")
+        environment = environment or self.environment
         with open(output, "wb") as stream:
-            process = self.start(command, env=environment or self.environment, stderr=stream, stdout=stream, **options)
+            process = self.start(command, env=environment, stdout=stream, stderr=stream, **options)
         process.output = output
         return process
 
     def start_companion(self):
         """Starts the installed companion and returns its process id."""
-        subprocess.run(["open", "-n", str(self.folder / "KR.app")], check=True, env=self.environment, **AS_ALICE)
+        command = ["open", "-n", str(self.folder / "KR.app")]
+        subprocess.run(command, check=True, env=self.environment, **AS_ALICE)
         return until(companions, "the companion runs")[0]
 
 

@@ -6,6 +6,7 @@
         vendor.faults["download"] = cut(1000)
 """
 import collections
+import functools
 import http.server
 import socket
 import socketserver
@@ -43,7 +44,8 @@ class Service:
 
     def __enter__(self):
         self.server = _Server(self)
-        threading.Thread(target=self.server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True).start()
+        serve = functools.partial(self.server.serve_forever, poll_interval=0.05)
+        threading.Thread(target=serve, daemon=True).start()
         return self
 
     def __exit__(self, *_):
@@ -92,7 +94,8 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         fault = self.service.faults.get("connect")
         if fault:
             fault(self, None)
-        self.request = self.service.contexts[self.service.certificate].wrap_socket(self.request, server_side=True)
+        context = self.service.contexts[self.service.certificate]
+        self.request = context.wrap_socket(self.request, server_side=True)
         super().setup()
 
     def log_message(self, *_):
@@ -100,7 +103,8 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
     def do_POST(self):
         body = self.rfile.read(int(self.headers["Content-Length"])).decode()
-        code = body.removeprefix("app=")
+        field, _, code = body.partition("=")
+        assert field == "app", body
         self.answer("version", code, body, self.service.versions.get(code, b""))
 
     def do_GET(self):

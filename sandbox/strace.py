@@ -3,7 +3,10 @@ import pathlib
 import re
 
 STEPS = pathlib.Path("/tmp/steps")
-QUICKLY = f"/usr/bin/strace -D -f --seccomp-bpf -qq -s 999 -o {STEPS} -e inject=clock_nanosleep:retval=0".split()
+# As a daemon, so that the launcher is its parent's child; its threads and children too; only the calls that count.
+STRACE = ["/usr/bin/strace", "-D", "-f", "--seccomp-bpf"]
+QUICKLY = [*STRACE, "-qq", "-s", "999", "-o", str(STEPS)]
+QUICKLY += ["-e", "inject=clock_nanosleep:retval=0"]
 QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fsync,?rename,?renameat,?renameat2"]
 # The lines of its log that count, and what steps() calls them.
 PATTERNS = {
@@ -35,12 +38,13 @@ def steps():
 
 def failing(call, error, command):
     """The command, run so that the first such system call fails."""
-    options = f"-D -f --seccomp-bpf -o /dev/null -e trace={call} -e inject={call}:error={error}:when=1"
-    return ["/usr/bin/strace", *options.split(), *command]
+    first = f"inject={call}:error={error}:when=1"
+    return [*STRACE, "-o", "/dev/null", "-e", f"trace={call}", "-e", first, *command]
 
 
 def fail_from_now_on(call, error, pid):
     """The command that makes every such system call of a process's main thread fail, and how to tell that it does."""
     status = pathlib.Path(f"/proc/{pid}/status")
-    command = f"/usr/bin/strace -qq -o /dev/null -e inject={call}:error={error} -p {pid}".split()
+    command = ["/usr/bin/strace", "-qq", "-o", "/dev/null", "-p", str(pid)]
+    command += ["-e", f"inject={call}:error={error}"]
     return command, lambda: "TracerPid:\t0\n" not in status.read_text()
