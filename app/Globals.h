@@ -1,6 +1,6 @@
-// The launcher's process-wide state, defined by the chief source file.
+// The launcher's process-wide state, defined by the main source file, which defines `main`.
 //
-// None of it is ever destroyed: the process may end at any moment while the supervision thread uses it.
+// None of it is ever destroyed: the supervision thread may be using it when the process ends.
 #pragma once
 
 #include <string>
@@ -8,17 +8,17 @@
 
 class LoginDialog;
 
-// The one slot holds the supervision thread once start-up has created it, and is never joined or detached:
-// CheckLauncher, which joins what runs here, comes before. Main thread only.
+// The one slot holds the supervision thread once start-up has created it. It is never detached and never joined:
+// CheckLauncher would join it, but start-up calls that while the slot is still empty. Main thread only.
 extern std::thread (&g_threads)[1];
 
-// Login name of the user who runs the launcher, in the bytes of the environment. Empty until start-up has found it,
-// before it creates the supervision thread; not changed afterwards, so that every thread may read it without a lock.
-// readExitCheck fills it in for a caller that has not been through start-up.
+// Login name of the user who runs the launcher, in the bytes of the environment. Empty until start-up sets it, before
+// it creates the supervision thread. It does not change afterwards, so every thread may read it without a lock. If
+// start-up has not run, readExitCheck sets it.
 extern std::string &uname_windows;
 
-// Install folder: absolute, ends in "/", holds both bundles. Empty until start-up has worked it out; then as above.
+// Install folder: absolute, ends in "/", holds both bundles. Empty until start-up sets it; unchanged afterwards.
 extern std::string &filepath;
 
-// The login window, if some caller has built one and put it here; start-up does not. Main thread only.
+// The login window, or null. Start-up creates none; a caller that creates one puts it here. Main thread only.
 extern LoginDialog *g_dlg;

@@ -1,4 +1,4 @@
-// The launcher's entry, its application object, its globals and its start-up sequence.
+// The launcher's `main`, application object, globals and start-up sequence.
 #include "app/Korvane_Cross_launcher.h"
 
 #include "app/Globals.h"
@@ -17,10 +17,10 @@
 
 using namespace std::chrono_literals;
 
-// The process may end at any moment while the supervision thread runs: by main returning, or by an exit() that the
-// toolkit itself calls (Quit and log-out on macOS, a lost display under GTK). The thread is neither stopped nor waited
-// for, so nothing of ours that it uses may be destroyed at exit: these objects live on the heap, are never freed and
-// stay reachable through the references. That also keeps ~thread from aborting over a thread that is still joinable.
+// The process may end while the supervision thread runs: main returns, or wxWidgets calls exit() (Quit and log-out on
+// macOS, a lost display under GTK). Nothing stops the thread or waits for it, so nothing of ours that it uses may be
+// destroyed at exit. These objects are on the heap, are never freed and stay reachable through the references. So
+// ~thread, which aborts the process if its thread is still joinable, does not run either.
 std::thread (&g_threads)[1] = *new std::thread[1][1];
 std::string &uname_windows = *new std::string;
 std::string &filepath = *new std::string;

@@ -1,16 +1,15 @@
-// The launcher's start-up sequence. The entry point and the application class stay in the source file.
+// The launcher's start-up sequence. `main` and the application class are in the source file only.
 #pragma once
 
 #include <string>
 
 // Keeps a second launcher out with an exclusive record lock on "/tmp/<name>.lock", held until the process ends
-// (fcntl(2), F_SETLK). Returns true when the lock is refused, and false when it is held by this process or when the
-// lock file cannot be opened at all: a launcher without a lock is better than none.
+// (fcntl(2), F_SETLK). Returns true when the lock is refused. Returns false when this process holds it, and also when
+// the lock file cannot be opened: a launcher without a lock is better than none.
 bool PreventMultipleInstances(const std::string &name);
 
-// The start-up sequence, on the main thread. Ends the process with exit(0) when another launcher runs. Waits without
-// limit for a user name, once a second while it is empty, and goes on with filepath empty when there is no memory to
-// work the folder out. Returns with the supervision thread running and the agent file written as far as
-// Platform::SetAutoStart can, or, for an outdated launcher, with neither. An error creating the thread
-// (std::system_error) reaches the caller.
+// Runs the start-up sequence, on the main thread. Calls exit(0) when another launcher runs. Waits without limit for a
+// user name, asking once a second. If memory for filepath runs out, leaves it empty and goes on. Returns with the
+// supervision thread running and the agent file written (see Platform::SetAutoStart), or with neither when the launcher
+// is outdated. Throws std::system_error when the thread cannot be created.
 void initStartup();

@@ -1,4 +1,4 @@
-// Who runs the launcher.
+// Gets the login name from the environment.
 #include "app/UserName.h"
 
 #include <cstdlib>

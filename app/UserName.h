@@ -1,8 +1,8 @@
-// Who runs the launcher.
+// The login name of the user who runs the launcher.
 #pragma once
 
 #include <string>
 
-// Returns the login name: the value of USER when it is set, else that of LOGNAME, else "unknown". A variable that is
-// set to the empty text counts as set. The bytes are returned unchanged.
+// Returns the login name: the value of USER if it is set, else of LOGNAME if that is set, else "unknown". An empty
+// value counts as set. The bytes are returned unchanged.
 std::string getOSUsername();

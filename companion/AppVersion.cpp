@@ -1,4 +1,4 @@
-// Version records: how they are read from text and compared.
+// Version records: parsed as sscanf would, compared by one key.
 #include "companion/AppVersion.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// strtoll is defined where sscanf is not: for numbers that do not fit it returns the nearest value that does.
+// For a number that does not fit, sscanf's behaviour is undefined; strtoll returns the nearest value that does.
 void parseNumbers(const std::string &text, std::initializer_list<std::int32_t *> fields) {
     using Limits = std::numeric_limits<std::int32_t>;
     const char *at = text.c_str();

@@ -1,4 +1,4 @@
-// Version records: how they are read from text and compared.
+// Version records: reading them from text and comparing them.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@ struct AppVersion {
     std::int32_t revision = 0;
 };
 
-// Both parsers follow sscanf's "%d" with a literal "." between the numbers, and stop at the first mismatch: fields that
-// were not reached stay 0, and text after the last number is ignored. A number beyond 32 bits is held at the nearest
-// 32-bit value.
+// Both parsers read numbers as sscanf's "%d" does, with a literal "." between them, and stop at the first mismatch.
+// Fields not reached stay 0; text after the last number is ignored. A number that does not fit in 32 bits becomes the
+// nearest one that does.
 
 // Reads the version marker's text, "%d.%d": build and revision stay 0.
 AppVersion parseMarkerVersion(const std::string &text);

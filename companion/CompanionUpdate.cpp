@@ -1,4 +1,4 @@
-// Bringing the companion up to date and starting it.
+// The companion's update: stop, download, start.
 #include "companion/CompanionUpdate.h"
 
 #include "app/Globals.h"

@@ -1,4 +1,4 @@
-// The launcher's check of itself at start-up.
+// Ends an outdated launcher.
 #include "companion/LauncherCheck.h"
 
 #include "app/Globals.h"

@@ -1,11 +1,11 @@
-// The launcher's check of itself at start-up.
+// Start-up's check that the launcher is not outdated.
 #pragma once
 
-// Ends the launcher through the toolkit when the service reports a newer launcher than the installed marker; otherwise
-// has no effect. Main thread only, before the supervision thread is started: it joins what runs in g_threads, and that
-// thread would never end. With no event loop running wxExit does not return, and the process ends with status 255.
+// Ends the launcher through wxWidgets when the service's version of it is newer than the version marker; otherwise has
+// no effect. Main thread only, and before the supervision thread is created: it joins the threads in g_threads, and
+// that one may never end. When no event loop runs, wxExit does not return: the process ends with status 255.
 void CheckLauncher();
 
-// True once CheckLauncher has found the launcher outdated and wxExit has come back (it does when an event loop runs,
-// which then ends): start nothing more.
+// Returns true once the launcher was found outdated: nothing more may be started. (When an event loop runs, wxExit
+// returns, and the loop ends later.)
 bool launcherIsEnding();

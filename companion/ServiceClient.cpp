@@ -1,4 +1,4 @@
-// The vendor's web service, over HTTPS.
+// The requests to the vendor's web service, made with libcurl.
 #include "companion/ServiceClient.h"
 
 #include "platform/Closing.h"
@@ -23,8 +23,8 @@ constexpr std::size_t kLongestAnswer = 64 * 1024;
 
 using EasyHandle = std::unique_ptr<CURL, Closing<curl_easy_cleanup>>;
 
-// Name servers that do not answer count as connecting. At the limit libcurl would wait for its resolver thread, for up
-// to a minute; with CURLOPT_QUICK_EXIT(3) it leaves the thread, which ends and frees what it holds once the system's
+// The connect limit includes resolving the name. At the limit libcurl would wait up to a minute for its resolver
+// thread. With CURLOPT_QUICK_EXIT(3) it leaves that thread behind, which ends and frees what it holds once the system's
 // resolver gives up.
 void limitConnecting(CURL *handle) {
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);

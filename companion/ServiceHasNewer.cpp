@@ -1,4 +1,4 @@
-// The question that the companion's update and the launcher's own check have in common.
+// Compares the service's version with the version marker.
 #include "companion/ServiceHasNewer.h"
 
 #include "app/Globals.h"

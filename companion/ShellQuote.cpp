@@ -1,4 +1,4 @@
-// Passing text through the shell unharmed.
+// Shell quoting with double quotes and backslashes.
 #include "companion/ShellQuote.h"
 
 std::string inDoubleQuotes(const std::string &text) {

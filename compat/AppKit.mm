@@ -1,4 +1,4 @@
-// The application's appearance, carried over to GTK.
+// Sets the application's appearance in GTK.
 #import <AppKit/AppKit.h>
 
 #include <gtk/gtk.h>
@@ -10,7 +10,7 @@ NSApplication *NSApp = static_cast<NSApplication *>(class_createInstance(objc_ge
 
 namespace {
 
-// Set by the application, it outranks the user's settings file and the desktop's settings daemon.
+// What the application sets overrides the user's settings file and the desktop's settings daemon.
 void useLightTheme() {
     if (GtkSettings *settings = gtk_settings_get_default())
         g_object_set(settings, "gtk-application-prefer-dark-theme", FALSE, nullptr);
@@ -18,7 +18,7 @@ void useLightTheme() {
 
 gboolean beforeFirstWindow(GSignalInvocationHint *, guint, const GValue *, gpointer) {
     useLightTheme();
-    return FALSE; // once is enough
+    return FALSE; // removes the hook: once is enough
 }
 
 } // namespace
@@ -37,7 +37,7 @@ gboolean beforeFirstWindow(GSignalInvocationHint *, guint, const GValue *, gpoin
 - (void)setAppearance:(NSAppearance *)appearance {
     if (!appearance)
         return;
-    // Asking for the settings makes GTK read a whole theme, which an application that never shows a window can spare.
+    // Getting the settings makes GTK read a whole theme: not needed by an application that never shows a window.
     GList *windows = gtk_window_list_toplevels();
     if (windows)
         useLightTheme();

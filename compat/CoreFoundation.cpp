@@ -1,10 +1,10 @@
-// Constant strings, numbers and dictionaries of CoreFoundation. Every other object has exactly one owner here, so a
-// release is a deletion.
+// CoreFoundation's constant strings, numbers and dictionaries. Each object but the strings has exactly one owner here,
+// so a release is a deletion.
 #include "SystemObject.h"
 
 namespace {
 
-// Type numbers are ours to choose; only their differences count.
+// Any numbers will do, as long as they differ.
 constexpr CFTypeID kDictionaryType = 1;
 constexpr CFTypeID kNumberType = 2;
 
@@ -21,7 +21,7 @@ __CFDictionary::~__CFDictionary() {
         delete value;
 }
 
-// A constant string is its own text.
+// A constant string is represented by the address of its text.
 CFStringRef __CFStringMakeConstantString(const char *text) {
     return reinterpret_cast<CFStringRef>(text);
 }

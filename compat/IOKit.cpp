@@ -1,4 +1,4 @@
-// The I/O registry's one service: the input system, as the X server sees it.
+// An I/O registry with one service: the input system, as the X server reports it.
 #include <IOKit/IOKitLib.h>
 
 #include "SystemObject.h"
@@ -20,7 +20,7 @@ struct Iterator : SystemObject {
 };
 struct Service : SystemObject {};
 
-// Handles are numbers, as the kernel's are, and not without end: who does not release them soon gets no more.
+// Handles are numbers, as the kernel's are, and few: a caller that does not release them soon gets no more.
 std::mutex g_mutex;
 std::array<std::unique_ptr<SystemObject>, 16> &g_objects = *new std::array<std::unique_ptr<SystemObject>, 16>;
 

@@ -1,9 +1,8 @@
-// Ending a process while one of its threads is inside a TLS transfer.
+// Lets the process end while one of its threads is in the middle of a TLS transfer.
 //
-// OpenSSL, libcurl's TLS library on Linux, tears itself down in an exit handler, under the feet of any thread that
-// still uses it. macOS's TLS library does no such thing, and the launcher counts on that: its supervision thread may be
-// in the middle of a download when the process ends. OPENSSL_init_crypto(3): the first caller decides, so this runs
-// before main.
+// OpenSSL, libcurl's TLS library on Linux, tears itself down in an exit handler, even while a thread is using it.
+// macOS's TLS library does not, and the launcher relies on that: its supervision thread may be in the middle of a
+// download when the process ends. The first call of OPENSSL_init_crypto(3) decides, so this one runs before main.
 #include <openssl/crypto.h>
 
 namespace {

@@ -1,4 +1,4 @@
-// The counting semaphores of libdispatch.
+// Counting semaphores, made of a mutex and a condition variable.
 #include <dispatch/dispatch.h>
 
 #include <cassert>
@@ -8,7 +8,7 @@
 struct dispatch_semaphore_s {
     std::mutex mutex;
     std::condition_variable given;
-    intptr_t value; // below zero: the number of threads that wait
+    intptr_t value; // below zero: minus the number of waiting threads
     intptr_t wakeups = 0;
 };
 

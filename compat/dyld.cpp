@@ -1,4 +1,4 @@
-// The dynamic loader's query for the running executable.
+// The running executable's path, from the auxiliary vector.
 #include <mach-o/dyld.h>
 
 #include <cstring>
@@ -9,8 +9,8 @@
 
 namespace {
 
-// AT_EXECFN is the path given to execve (getauxval(3)); a relative one counts from the folder the process started in,
-// which is known for sure only before main. Never freed: threads may ask while the process ends.
+// AT_EXECFN is the path given to execve (getauxval(3)). A relative one is relative to the folder that the process
+// started in, which is certain only before main. Never freed: threads may ask while the process ends.
 const std::string &executablePath = *new std::string([] {
     const char *executed = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
     std::error_code unknownFolder;

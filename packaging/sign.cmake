@@ -2,8 +2,8 @@
 #
 #   cmake -D FOLDER=... -D IDENTITY=... -P sign.cmake
 #
-# An identity other than "-" (ad hoc) gets the hardened runtime and a timestamp, without which Apple notarises nothing.
-# Fails when anything cannot be signed, or does not verify strictly afterwards.
+# An identity other than "-" (ad hoc) gets the hardened runtime and a timestamp, which Apple requires for notarisation.
+# Fails when anything cannot be signed, or does not pass strict verification afterwards.
 set(sign codesign --force --sign ${IDENTITY})
 if(NOT IDENTITY STREQUAL "-")
     list(APPEND sign --options runtime --timestamp)

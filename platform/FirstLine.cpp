@@ -1,4 +1,4 @@
-// Reading small text files that others write.
+// Reads a first line without blocking and in bounded memory.
 #include "platform/FirstLine.h"
 
 #include "platform/UniqueFd.h"

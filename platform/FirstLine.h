@@ -1,10 +1,10 @@
-// Reading small text files that others write.
+// Reading small text files that other programs write.
 #pragma once
 
 #include <string>
 
-// Returns the first line of the file at path, without its line feed and otherwise exactly as stored. Returns the empty
-// text when the file is missing, unreadable, empty or not a regular file; a pipe in its place never blocks the caller.
-// Of a line longer than 64 KiB the first 64 KiB are returned, so that a huge file costs no memory. Only a failed
-// allocation is thrown.
+// Returns the first line of the file at path, without its line feed and otherwise exactly as stored. Returns an empty
+// string when the file is missing, unreadable, empty or not a regular file; a pipe in its place never blocks the
+// caller. Returns only the first 64 KiB of a longer line, so that a huge file does not fill the memory. Throws only
+// when an allocation fails.
 std::string readFirstLine(const std::string &path);

@@ -8,32 +8,32 @@
 namespace Platform {
 
 // Returns the first line of the version marker, the file named appPath + ".version" (appPath: an executable's full
-// path), or the empty text when there is none that can be read. See readFirstLine.
+// path), or an empty string when it cannot be read. See readFirstLine.
 std::string GetExternalAppVersion(const std::string &appPath);
 
 // Sends SIGTERM to every process that the user may signal and whose command line matches pattern, an extended regular
-// expression (pkill(1), option -f). The pattern goes into the shell command as it is, unescaped. Waits for the command
-// only; a failure of it is not reported.
+// expression (pkill(1), option -f). The pattern goes into the shell command unescaped. Waits for the command only; its
+// failure is not reported.
 void CloseExternalApp(const std::string &pattern);
 
-// Makes launchd start program (a full path, written as it is, unescaped) at the user's next log-in: rewrites the agent
-// file "Library/LaunchAgents/com.mervix.korvane.plist" in the home folder (launchd.plist(5)). Creates no folder, and
-// does nothing when the file cannot be opened or HOME is not set.
+// Makes launchd start program (a full path, written unescaped) at log-in, from the next one on: rewrites the agent file
+// "Library/LaunchAgents/com.mervix.korvane.plist" in the home folder (launchd.plist(5)). Creates no folder, and does
+// nothing when the file cannot be opened or HOME is not set.
 void SetAutoStart(const std::string &program);
 
-// Deletes that agent file; nobody calls it yet. A missing file is no error, and nor is an unset HOME; any other failure
-// is thrown as std::filesystem::filesystem_error.
+// Deletes the agent file. A missing file or an unset HOME is no error; any other failure is thrown as
+// std::filesystem::filesystem_error. Nothing calls it yet.
 void RemoveAutoStart();
 
-// What follows nobody calls yet.
+// Nothing calls the rest of this namespace yet.
 
-// Returns the whole seconds since the user's last input, or 0 when they cannot be told.
+// Returns the whole seconds since the user's last input, or 0 when they are not known.
 std::int64_t GetIdleTimeSeconds();
 
 // Returns "/Users/Shared/Desktop".
 std::string GetPublicDesktopPath();
 
-// Returns the value of HOME followed by "/Desktop", or the empty text when HOME is not set.
+// Returns the value of HOME followed by "/Desktop", or an empty string when HOME is not set.
 std::string GetUserDesktopPath();
 
 // A counting semaphore of libdispatch. SemInit stores a new one in sem, or null for a negative value; SemWait blocks
@@ -43,20 +43,20 @@ void SemWait(dispatch_semaphore_t &sem);
 void SemRelease(dispatch_semaphore_t &sem);
 void SemDestroy(dispatch_semaphore_t &sem);
 
-// Entry points without effect: the tray icon is a toolkit object, KorvaneTrayIcon.
+// Both do nothing: the tray icon is a wxWidgets object, KorvaneTrayIcon.
 void InitTrayIcon(const std::string &icon, const std::string &tooltip);
 void RemoveTrayIcon();
 
 } // namespace Platform
 
-// Returns the absolute, resolved path of the running executable; its unresolved path when resolving fails; the empty
-// text when the system cannot tell it. Each call replaces the content of "/tmp/korvane_debug.txt" with a trace of the
-// query, which is lost silently when that is not a plain file that may be written.
+// Returns the absolute, resolved path of the running executable; its unresolved path when resolving fails; an empty
+// string when the system does not tell it. Each call replaces the content of "/tmp/korvane_debug.txt" with the path
+// trace, or silently writes none when that is not a regular file that may be written.
 std::string getExecutablePath();
 
-// Returns the folder that holds the bundle of the executable at this path: its fourth parent, without a "/" at the end
-// unless it is the root.
+// Returns the folder that holds the bundle of the executable at this path: the path's fourth parent, without a "/" at
+// the end unless it is the root.
 std::string installFolder(const std::string &executablePath);
 
-// Makes every window of the application appear light, whatever the user's system setting.
+// Makes every window of the application light, whatever the user's system setting.
 void ForceLightMode();

@@ -1,4 +1,4 @@
-// Operating-system services.
+// Operating-system services, through macOS's interfaces or those of compat/.
 #include "platform/Platform.h"
 
 #include "platform/FirstLine.h"
@@ -30,8 +30,8 @@ std::optional<std::string> inHome(const char *path) {
 
 constexpr const char *kAgentFile = "/Library/LaunchAgents/com.mervix.korvane.plist";
 
-// Every local user can write to /tmp: a link planted there must not empty another file of this user, and a pipe must
-// not block. So nothing is truncated before it is known to be a plain file with this one name.
+// Every local user can write to /tmp. A link put there must not make the launcher empty another file of its user, and a
+// pipe must not block it. So it truncates only what it knows to be a regular file with no other name.
 void writePathTrace(int result, const char *rawPath, std::uint32_t size) {
     const UniqueFd trace(
         open("/tmp/korvane_debug.txt", O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));

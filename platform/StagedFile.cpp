@@ -1,4 +1,4 @@
-// A file that takes another's place whole, or not at all.
+// A staging file: created beside its target, flushed to stable storage, renamed.
 #include "platform/StagedFile.h"
 
 #include "platform/UniqueFd.h"
@@ -17,8 +17,8 @@ namespace {
 
 constexpr const char *kStagingSuffix = ".download.";
 
-// Names are unique to each attempt, so no process ever renames another's half-written file; what a killed process left
-// is found by the common beginning of the names.
+// Each attempt's staging file has a unique name, so no process renames another's half-written file. The names share a
+// beginning, by which those left by killed processes are found.
 void removeLeftovers(const fs::path &target) {
     const std::string beginning = target.filename().string() + kStagingSuffix;
     std::error_code ignored;
@@ -30,8 +30,8 @@ void removeLeftovers(const fs::path &target) {
     }
 }
 
-// Tells by the target's rights, with access(2): macOS is wary of code that somebody has had open for writing. An
-// executable that runs at this moment (ETXTBSY) can be replaced all the same.
+// Asks access(2) instead of opening the target: macOS distrusts code that was open for writing. An executable that is
+// running (ETXTBSY) can be replaced all the same.
 bool mayBeReplaced(const fs::path &target) {
     std::error_code ignored;
     if (fs::is_directory(target, ignored))
@@ -39,10 +39,10 @@ bool mayBeReplaced(const fs::path &target) {
     return access(target.c_str(), W_OK) == 0 || errno == ENOENT || errno == ETXTBSY;
 }
 
-// Returns true once what was written to the file or folder is on the medium. On macOS fsync(2) leaves it in the drive's
-// cache, which may be written in any order; F_FULLFSYNC flushes that too. Some file systems, those of network volumes
-// among them, refuse it with one of these three errors: their fsync has to do.
-bool reachMedium(int descriptor) {
+// Returns true once what was written to the file or folder is on stable storage. On macOS fsync(2) leaves it in the
+// drive's cache, which may be written in any order; F_FULLFSYNC flushes that too. Some file systems, such as those of
+// network volumes, refuse it with one of these three errors; fsync is then the best there is.
+bool reachStableStorage(int descriptor) {
     if (fcntl(descriptor, F_FULLFSYNC) == 0)
         return true;
     const bool refused = errno == ENOTSUP || errno == ENOTTY || errno == EINVAL;
@@ -52,7 +52,7 @@ bool reachMedium(int descriptor) {
 void syncFolder(const fs::path &folder) {
     const UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (descriptor)
-        reachMedium(descriptor.get());
+        reachStableStorage(descriptor.get());
 }
 
 } // namespace
@@ -62,7 +62,7 @@ StagedFile::StagedFile(const std::string &target) : target_(target) {
         return;
     removeLeftovers(target_);
 
-    staging_ = target_ + kStagingSuffix + std::string(6, 'X'); // mkostemp(3) puts other characters there
+    staging_ = target_ + kStagingSuffix + std::string(6, 'X'); // mkostemp(3) replaces these characters
     UniqueFd descriptor(mkostemp(staging_.data(), O_CLOEXEC));
     if (!descriptor) {
         staging_.clear();
@@ -72,7 +72,7 @@ StagedFile::StagedFile(const std::string &target) : target_(target) {
     if (!stream_)
         return;
     descriptor.release();
-    // libcurl hands over large blocks already, and an exit() while a transfer runs finds no buffer to flush.
+    // Unbuffered: libcurl passes large blocks anyway, and an exit() during a transfer finds no buffer to flush.
     std::setvbuf(stream_.get(), nullptr, _IONBF, 0);
 }
 
@@ -84,7 +84,8 @@ StagedFile::~StagedFile() {
 
 void StagedFile::replaceTarget() {
     struct stat received = {};
-    if (fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 || !reachMedium(fileno(stream_.get())))
+    if (fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 ||
+        !reachStableStorage(fileno(stream_.get())))
         return;
     if (std::fclose(stream_.release()) != 0)
         return;

@@ -1,4 +1,4 @@
-// A file that takes another's place whole, or not at all.
+// Replacing a file as a whole or not at all.
 #pragma once
 
 #include "platform/Closing.h"
@@ -7,17 +7,16 @@
 #include <memory>
 #include <string>
 
-// Receives the new content of a target file in a staging file of the target's own folder. Whatever happens, and also
-// when the process is killed or the machine loses power, the target is the old file or the new one, never a mixture:
-// it changes only by rename(2). A staging file that is not put in place is removed; one that a killed process left
-// behind is removed by the next StagedFile for the same target, and so is one that another process is still writing,
-// which then does not take the target's place.
+// Receives a target file's new content in a staging file in the same folder. The target changes only by rename(2):
+// whatever happens, even if the process is killed or the machine loses power, it is the old file or the new one, never
+// a mixture. A staging file that does not replace the target is removed. One that a killed process left is removed by
+// the next StagedFile for the same target. So is one that another process is still writing, which then cannot replace
+// the target.
 class StagedFile {
   public:
-    // Opens a staging file for target (a full path). Changes nothing, and stream() is null, when the target could not
-    // be replaced: its folder is missing or may not be written to, or the target exists and is a folder or may itself
-    // not be written to by this user (access(2)). A target that is missing, or that runs at this moment, is no
-    // obstacle.
+    // Opens a staging file for target (a full path). When the target cannot be replaced, changes nothing, and stream()
+    // is null: the folder is missing or this user may not write to it, or the target is a folder or a file that this
+    // user may not write to (access(2)). A target that is missing or running can be replaced.
     explicit StagedFile(const std::string &target);
     ~StagedFile();
     StagedFile(const StagedFile &) = delete;
@@ -28,9 +27,9 @@ class StagedFile {
         return stream_.get();
     }
 
-    // Puts the staging file in the target's place with the mode 0755, once it holds at least one byte and all its bytes
-    // have reached the disk. Leaves the target as it was when any step fails. Call it once, as the last: the stream
-    // must not be written to afterwards.
+    // Renames the staging file to the target, with mode 0755, once it has at least one byte and all its bytes are on
+    // stable storage. Leaves the target as it was when any step fails. Call it once and last: the stream must not be
+    // written to afterwards.
     void replaceTarget();
 
   private:

@@ -1,4 +1,4 @@
-// The companion's process: is it there, and asking it to end.
+// The companion's process, by pgrep(1) and pkill(1).
 #include "supervise/CompanionProcess.h"
 
 #include "platform/Closing.h"

@@ -1,4 +1,4 @@
-// The file through which the companion reports that the user quit it.
+// Reads and deletes the manual-exit flag.
 #include "supervise/ManualExitFlag.h"
 
 #include "app/Globals.h"

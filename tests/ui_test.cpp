@@ -282,7 +282,7 @@ TEST_F(Window, BannerHasItsSizeWhateverThePictures) {
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     wxApp::SetInstance(new wxApp);
-    const wxInitializer toolkit(argc, argv);
+    const wxInitializer initialised(argc, argv);
     wxInitAllImageHandlers();
     wxEventLoop loop;
     const wxEventLoopActivator activate(&loop);

@@ -1,4 +1,4 @@
-// The login window's icon in the menu bar.
+// The tray icon's events: a click, and the window's destruction.
 #include "ui/KorvaneTrayIcon.h"
 
 #include "ui/LoginDialog.h"
@@ -10,14 +10,14 @@ wxBEGIN_EVENT_TABLE(KorvaneTrayIcon, wxTaskBarIcon)
 wxEND_EVENT_TABLE()
 
 KorvaneTrayIcon::KorvaneTrayIcon(LoginDialog *dialog) : wxTaskBarIcon(wxTBI_CUSTOM_STATUSITEM), m_dialog(dialog) {
-    // Undone by the toolkit if the icon goes first: it tracks the handlers that events are bound to.
+    // If the icon is destroyed first, wxWidgets removes this binding: it tracks the handlers that events are bound to.
     m_dialog->Bind(wxEVT_DESTROY, &KorvaneTrayIcon::OnWindowDestroyed, this);
 }
 
 KorvaneTrayIcon::~KorvaneTrayIcon() {}
 
 void KorvaneTrayIcon::OnLeftClick(wxTaskBarIconEvent &) {
-    // Each step sends events, and a handler of one may destroy the window.
+    // Each step sends events, and a handler may destroy the window.
     const wxWeakRef<LoginDialog> window(m_dialog);
     window->Show(true);
     if (window)

@@ -6,14 +6,14 @@
 class LoginDialog;
 class wxWindowDestroyEvent;
 
-// A left click shows the window, de-minimised and in front; there is no menu. On macOS wxWidgets 3.3 does not send that
+// A left click shows the window, restored and in front; there is no menu. On macOS wxWidgets 3.3 does not send that
 // click to an icon in the menu bar, so there the icon is only a picture. The icon never deletes its window. When the
-// window is destroyed, the icon removes itself from the bar at once, handles no event any more, and is freed by
-// wxWidgets when no event is under way (not in its own clean-up at exit: nobody frees the icon then); deleting it
-// earlier, while the window lives, is fine too. Main thread only.
+// window is destroyed, the icon leaves the bar at once and handles no more events. wxWidgets frees it when no event is
+// being handled. If its own clean-up at exit destroys the window, nothing frees the icon. Deleting the icon earlier,
+// while the window lives, is fine too. Main thread only.
 class KorvaneTrayIcon : public wxTaskBarIcon {
   public:
-    // The window must be alive, and not be null: the constructor binds to its wxEVT_DESTROY.
+    // dialog must point to a live window: the constructor binds to its wxEVT_DESTROY.
     explicit KorvaneTrayIcon(LoginDialog *dialog);
     ~KorvaneTrayIcon() override;
 

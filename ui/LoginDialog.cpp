@@ -1,4 +1,4 @@
-// The login window.
+// The login window's layout and event handlers.
 #include "ui/LoginDialog.h"
 
 #include "platform/Platform.h"
@@ -47,13 +47,13 @@ std::string fieldText(const wxTextCtrl *field) {
     return field->GetValue().ToStdString(wxConvLibc);
 }
 
-// The toolkit reports a picture that cannot be loaded in a dialog of its own, unless told not to.
+// Without wxLogNull, wxWidgets shows a dialog about a picture that it cannot load.
 wxBitmap loadBanner(const wxString &file) {
     const wxLogNull silence;
     return wxBitmap(file, wxBITMAP_TYPE_BMP);
 }
 
-// Always kBannerWidth x kBannerHeight: the plain window colour stands in for a banner that cannot be shown.
+// Always kBannerWidth x kBannerHeight: a banner that cannot be shown is replaced by the plain window colour.
 wxImage bannerImage(const wxBitmap &banner) {
     if (banner.IsOk()) {
         const wxImage scaled = banner.ConvertToImage().Rescale(kBannerWidth, kBannerHeight, wxIMAGE_QUALITY_BICUBIC);
@@ -89,7 +89,7 @@ wxTextCtrl *addField(LoginDialog *window, wxSizer *column, long style) {
     return field;
 }
 
-// A row of two buttons, one of them disabled for good: the left one or the right one.
+// Adds a row of two buttons, of which one, the left or the right, is disabled for good.
 std::pair<wxButton *, wxButton *> addButtonRow(LoginDialog *window, wxSizer *column, int border, const wxString &left,
                                                const wxString &right, bool leftDisabled) {
     const wxSize size(110, 30);
@@ -145,7 +145,7 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     main->Add(content, 1, wxEXPAND, 0);
     SetSizer(main, true);
     Fit();
-    // Under GTK a window without a minimum shrinks by its title bar when it is first shown, and clips what is in it.
+    // Under GTK a window without a minimum size shrinks by its title bar when first shown, and clips its contents.
     main->SetSizeHints(this);
     Centre(wxBOTH);
 
@@ -198,7 +198,7 @@ void LoginDialog::OnLogin(wxCommandEvent &) {
             return;
         }
         m_errorLabel->SetLabel("");
-        // Text that the locale's encoding cannot represent reads as empty.
+        // Text that the locale's encoding cannot represent is read as an empty string.
         if (GetUsername().empty() || GetPassword().empty())
             m_errorLabel->SetLabel("Please fill both the fields.");
     } catch (...) {
@@ -220,7 +220,7 @@ void LoginDialog::OnIconize(wxIconizeEvent &event) {
     }
 }
 
-// Consumes the request: were the event skipped, the toolkit would destroy the window.
+// Consumes the event: if it were skipped, wxWidgets would destroy the window.
 void LoginDialog::OnExit(wxCloseEvent &) {}
 
 std::string trimString(const std::string &text) {

@@ -11,17 +11,17 @@ class wxIconizeEvent;
 class wxStaticText;
 class wxTextCtrl;
 
-// A credentials window with an icon in the menu bar. It is built hidden, checks its two fields when "LogIn" is pressed,
-// hides when minimised, and stays open whatever asks it to close; only its owner destroys it. On macOS nothing brings a
-// minimised window back (see KorvaneTrayIcon). Its pictures lie beside the executable; without them it looks plainer
-// and works the same, in silence. Main thread only.
+// Asks for user name and password, and has an icon in the menu bar. It is created hidden, checks its two fields when
+// "LogIn" is pressed, hides when minimised, and ignores requests to close; only its owner destroys it. On macOS nothing
+// brings a minimised window back (see KorvaneTrayIcon). Its pictures are beside the executable; without them it looks
+// plainer, works the same and reports nothing. Main thread only.
 class LoginDialog : public wxFrame {
   public:
     explicit LoginDialog(wxWindow *parent);
     ~LoginDialog() override;
 
-    // The fields' texts, in the encoding of the process's current locale. Text that the encoding cannot represent reads
-    // as the empty text.
+    // The fields' texts, in the encoding of the process's current locale. Text that the encoding cannot represent is
+    // read as an empty string.
     void SetUsername(const std::string &username);
     void SetPassword(const std::string &password);
     std::string GetUsername() const;
@@ -42,8 +42,8 @@ class LoginDialog : public wxFrame {
     wxButton *m_logoutButton;
     wxButton *m_korvaneButton;
     wxButton *m_exitButton;
-    KorvaneTrayIcon *m_trayIcon; // frees itself after this window's destruction
+    KorvaneTrayIcon *m_trayIcon; // frees itself once this window is destroyed
 };
 
-// Returns text without the blanks, tabs, line feeds and carriage returns at its two ends. Nobody calls it yet.
+// Returns text without spaces, tabs, line feeds and carriage returns at either end. Nothing calls it yet.
 std::string trimString(const std::string &text);

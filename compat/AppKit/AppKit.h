@@ -1,9 +1,9 @@
-// The part of AppKit that sets an application's appearance, under its own names, over GNU's Objective-C runtime.
+// The part of AppKit that sets an application's appearance, with AppKit's names, on GNU's Objective-C runtime.
 #pragma once
 
 #include <objc/objc.h>
 
-// Text constants only: the names of appearances, told apart by identity.
+// Only for constants: the names of appearances, compared by address.
 __attribute__((objc_root_class))
 @interface NSString {
     Class isa;
@@ -18,7 +18,7 @@ __attribute__((objc_root_class))
 @interface NSAppearance {
     Class isa;
 }
-// Returns the appearance of that name, or nil for a name that is not known. Owned by the class.
+// Returns the appearance of that name, or nil for an unknown name. Owned by the class.
 + (NSAppearance *)appearanceNamed:(NSAppearanceName)name;
 @end
 
@@ -26,8 +26,8 @@ __attribute__((objc_root_class))
 @interface NSApplication {
     Class isa;
 }
-// Draws every window of the application in this appearance, whatever the user's desktop settings ask for. With nil the
-// settings apply unchanged. The toolkit must have been initialised.
+// Draws every window of the application in this appearance, whatever the user's desktop settings say. With nil the
+// settings apply unchanged. wxWidgets must have been initialised.
 - (void)setAppearance:(NSAppearance *)appearance;
 @end
 

@@ -1,7 +1,7 @@
-// The part of CoreFoundation that reads properties, under its own names: constant strings, numbers and dictionaries.
+// The part of CoreFoundation that reads properties, with its names: constant strings, numbers and dictionaries.
 //
-// The "Get" and "Create" rules hold: who receives an object from a function with "Create" in its name releases it with
-// CFRelease; what a "Get" function returns belongs to somebody else.
+// Ownership follows CoreFoundation's rules: the caller of a function with "Create" in its name releases the object with
+// CFRelease; the caller of a "Get" function does not own what it returns.
 #pragma once
 
 #include <stdint.h>
@@ -27,7 +27,7 @@ extern const CFAllocatorRef kCFAllocatorDefault;
 #define CFSTR(text) __CFStringMakeConstantString("" text "")
 CFStringRef __CFStringMakeConstantString(const char *text);
 
-// Returns the value that a constant-string key has in the dictionary, or null.
+// Returns the dictionary's value for a constant-string key, or null.
 const void *CFDictionaryGetValue(CFDictionaryRef dictionary, const void *key);
 
 CFTypeID CFGetTypeID(CFTypeRef object);
@@ -36,7 +36,7 @@ CFTypeID CFNumberGetTypeID(void);
 // Stores the number in *value, an int64_t for kCFNumberSInt64Type, and returns true.
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void *value);
 
-// Gives up one reference; the last one frees the object and gives up what it holds.
+// Releases one reference; releasing the last one frees the object and releases what it holds.
 void CFRelease(CFTypeRef object);
 
 #ifdef __cplusplus

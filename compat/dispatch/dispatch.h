@@ -1,4 +1,4 @@
-// The counting semaphores of libdispatch, under their own names (dispatch_semaphore_create(3)).
+// libdispatch's counting semaphores, with its names (dispatch_semaphore_create(3)).
 #pragma once
 
 #include <stdint.h>
@@ -10,16 +10,16 @@ extern "C" {
 typedef struct dispatch_semaphore_s *dispatch_semaphore_t;
 typedef uint64_t dispatch_time_t;
 
-// The one time limit that this layer knows: none.
+// The only time limit supported: none.
 #define DISPATCH_TIME_FOREVER (~UINT64_C(0))
 
 // Returns a semaphore that lets value waiters pass before one blocks, or null when value is negative.
 dispatch_semaphore_t dispatch_semaphore_create(intptr_t value);
 
-// Takes one from the semaphore, blocking until there is one. Returns 0. The limit must be DISPATCH_TIME_FOREVER.
+// Takes one from the semaphore's count, blocking while that is 0. Returns 0. The limit must be DISPATCH_TIME_FOREVER.
 intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_time_t limit);
 
-// Gives one to the semaphore. Returns non-zero when that wakes a waiting thread, else 0.
+// Adds one to the semaphore's count. Returns non-zero when that wakes a waiting thread, else 0.
 intptr_t dispatch_semaphore_signal(dispatch_semaphore_t semaphore);
 
 #ifdef __cplusplus

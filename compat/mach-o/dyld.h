@@ -1,4 +1,4 @@
-// The dynamic loader's query for the running executable, as macOS declares it (dyld(3)).
+// The dynamic loader's query for the running executable's path, as macOS declares it (dyld(3)).
 #pragma once
 
 #include <stdint.h>
@@ -7,9 +7,9 @@
 extern "C" {
 #endif
 
-// Stores the path by which the running executable was started, absolute but unresolved (links and ".." stay), in buf,
-// whose size in bytes stands in *bufsize. Returns 0; or, when the buffer is too small, -1 with the size needed in
-// *bufsize and the buffer untouched.
+// Stores the path that the running executable was started by, absolute but unresolved (links and ".." stay), in buf,
+// whose size in bytes is *bufsize. Returns 0. If the buffer is too small, returns -1, stores the size needed in
+// *bufsize and leaves the buffer untouched.
 int _NSGetExecutablePath(char *buf, uint32_t *bufsize);
 
 #ifdef __cplusplus
