@@ -9,9 +9,9 @@
 
 // Receives a target file's new content in a staging file in the same folder. The target changes only by rename(2):
 // whatever happens, even if the process is killed or the machine loses power, it is the old file or the new one, never
-// a mixture. A staging file that does not replace the target is removed. One that a killed process left is removed by
-// the next StagedFile for the same target. So is one that another process is still writing, which then cannot replace
-// the target.
+// a mixture. A staging file that does not replace the target is removed. One left by a process that was killed or
+// that exited meanwhile is removed by the next StagedFile for the same target. So is one that another process is still
+// writing, which then cannot replace the target.
 class StagedFile {
   public:
     // Opens a staging file for target (a full path). When the target cannot be replaced, changes nothing, and stream()

@@ -103,7 +103,7 @@ def main():
         finally:
             for trace in pathlib.Path("/tmp").glob("trace*"):
                 shutil.copy(trace, "/out")
-        print("All went as it should. The launchers' own traces: build/run/trace1, trace2", flush=True)
+        print("All went as it should. The launchers' output: build/run/trace1, trace2", flush=True)
         if "--stay" in sys.argv:
             stay(machine)
     return 0

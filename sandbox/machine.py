@@ -109,7 +109,7 @@ class Machine(Processes):
     def launch(self, path=None, environment=None, command=None, quickly=False, **options):
         """Starts the launcher, by another path or command if given. Its output goes to the file at .output.
 
-        With quickly its sleeps return at once, and strace.steps() tells what it does.
+        With quickly, its sleeps return at once and strace.steps() lists its steps.
         """
         command = command or [str(path or self.launcher_path)]
         if quickly:
@@ -130,7 +130,7 @@ class Machine(Processes):
 
 
 def state(path):
-    """What stays the same of a file or folder that is left alone."""
+    """What does not change while nobody touches a file or folder."""
     status = path.lstat()
     return status.st_ino, status.st_mode, status.st_size, status.st_mtime_ns
 

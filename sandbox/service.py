@@ -22,12 +22,12 @@ Request = collections.namedtuple("Request", "what method path body headers")
 
 
 class Service:
-    """Answers on port 443 until it is left. Everything may be changed while it runs.
+    """Answers on port 443 until the "with" block ends. Everything may be changed while it runs.
 
     versions: the raw answer for each application code. payload: the bytes of the download. faults: what happens in
     place of a good answer, for "connect" (before TLS), "version" and "download"; see the functions below.
-    certificate: the name of the certificate that is shown. requests: all that came in, in order. waits: for how many
-    seconds each client that was left alone has waited before it went.
+    certificate: the name of the certificate presented. requests: all requests, in order. waits: how many seconds each
+    client that got no answer waited before it disconnected.
     """
 
     def __init__(self, contexts):
@@ -83,7 +83,7 @@ class _Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
         self.service = service
 
     def handle_error(self, request, client_address):
-        """A client that goes away, or refuses the certificate, is part of the game."""
+        """A client that goes away, or refuses the certificate, is expected."""
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
@@ -155,7 +155,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 
 def fault(function):
-    """Lets cut(1000) stand for a cut, to come, after 1000 bytes: for a function of the handler and a good answer."""
+    """Makes cut(1000) return a function that plays the fault, given the handler and the good answer."""
     return lambda *details, **changes: lambda handler, content: function(handler, content, *details, **changes)
 
 
@@ -173,7 +173,7 @@ def body(handler, content, text):
 
 @fault
 def and_then(handler, content, **changes):
-    """A good answer, and a service that is otherwise from then on."""
+    """Changes the service's attributes, then sends the good answer."""
     handler.service.change(**changes)
     handler.send(200, content)
 

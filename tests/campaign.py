@@ -1,7 +1,4 @@
-"""The fault campaign: one fault in a round of its own, and the promises that hold whatever happens.
-
-Each fault is a test of CTest's. The same SEED in the environment plays the same rounds.
-"""
+"""The fault campaign: each fault is a test, and the same SEED plays the same round."""
 import dataclasses
 import functools
 import os
@@ -20,7 +17,6 @@ import tools
 from machine import AGENT, until
 
 OLD = sandbox.companion_program("2.5")
-PEAK_KIB = 160 * 1024  # of memory: more than a launcher takes, less than what it is offered
 
 
 @dataclasses.dataclass
@@ -32,7 +28,7 @@ class Fault:
     starts: int = 1  # how often the start command runs; None: it depends
     downloads: int = None  # how often the executable is asked for; None: it depends
     status: int = None  # of the launcher; None: it lives
-    limits: tuple = ()  # the seconds after which it goes away from a service that is silent, each time
+    limits: tuple = ()  # the seconds after which it gives up on a silent service, for each request
 
 
 class Round:
@@ -62,7 +58,7 @@ def shell(command):
 
 
 def break_off(what, make):
-    """An answer that does not arrive whole; a version, though, far enough to read as a newer one."""
+    """An answer that is cut; that of a version only after enough bytes to read as a newer one."""
 
     def bring_about(r):
         if what == "version":
@@ -127,7 +123,7 @@ def outlive_its_end(r):
 
 
 def killed(name):
-    """The launcher, or what it cannot live without, at any moment from its first request on; often in the download."""
+    """Kills the launcher, or its X server, at any moment after its first request; often in the download."""
 
     def bring_about(r):
         delay = random.uniform(0, 5)
@@ -152,13 +148,13 @@ NO_START = {"starts": 0}
 ANY = {"outcomes": ["old", "new"], "starts": None}
 SILENCE = {"faults": {"connect": service.no_handshake()}}
 
-# CTest starts them in this order: those that sleep longest come first.
+# Those that sleep longest come first, which is the order that CTest starts them in on a new machine.
 FAULTS = {
     "download: slow": Fault(large_download(126_000, service.trickle(2048)), **NEW),
     "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30)),
     "handshake: never ends": Fault(change(**SILENCE), **NO_START, limits=(15, 15)),
     "name: servers are silent": Fault(silent_name_servers, **NO_START),
-    "download: no handshake": Fault(answer("version", service.and_then(**SILENCE)), **NOT_ASKED, limits=(15, 15)),
+    "download: handshake": Fault(answer("version", service.and_then(**SILENCE)), **NOT_ASKED, limits=(15, 15)),
     "killed": Fault(killed("Korvane"), **ANY, status=-9),
     "display: lost": Fault(killed("Xvfb"), **ANY, status=1),
     "version: late": Fault(answer("version", service.pause(20)), **NEW),
@@ -190,7 +186,6 @@ FAULTS = {
     "open: fails": Fault(lambda r: tools.replace("open", "exit 1"), **NEW),
     "marker: pipe": Fault(shell(f"rm {MARKER}; mkfifo {MARKER}"), **OUTDATED),
     "marker: endless line": Fault(shell(f"truncate --size 0 {MARKER}; truncate --size 1G {MARKER}"), **OUTDATED),
-    "marker: binary": Fault(shell(f"head -c 5000 /dev/urandom | tr '0-9\\n' x >{MARKER}"), **OUTDATED),
 }
 for name in ("expired", "self-signed", "wrong-host"):
     FAULTS[f"certificate: {name}"] = Fault(change(certificate=name), **NO_START)
@@ -230,7 +225,7 @@ def outcome(r, before):
 
 
 def play(machine, fault):
-    """One round; raises when a promise is broken."""
+    """One round, and the promises that hold whatever happens."""
     tools.install()
     machine.companion.with_name("KR.download.killed").write_bytes(OLD[:300])  # what a killed launcher leaves
     install_old(machine.companion)
@@ -257,7 +252,7 @@ def play(machine, fault):
     assert status == -9 or not left, f"staging files are left: {left}"
     assert snapshot(machine) == before, "something else has changed"
     peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-    assert peak < PEAK_KIB, f"a launcher took {peak} KiB of memory"
+    assert peak < 160 * 1024, f"a launcher took {peak} KiB of memory"  # reading an endless answer or marker takes more
 
 
 def play_on_a_machine(name, fault):

@@ -1,7 +1,7 @@
-// Runs the launcher's OnInit inside a running event loop, where wxExit returns. Exit() only logs, and what OnInit has
-// not prepared, so the deferred call must end the loop. SIGUSR1 ends it too, and SIGUSR2 calls exit(7) from inside it.
-// With an argument there is a login window in g_dlg, which logs when it is to close, and a thread in the slot, which
-// has to be joined first. Sleeps take no time. When all else has been torn down, the process goes on for as long as
+// Runs the launcher's OnInit inside a running event loop, where wxExit returns: Exit() only logs, so the deferred call
+// must end the loop. It also logs what OnInit has not prepared. SIGUSR1 ends the loop too, and SIGUSR2 calls exit(7)
+// from inside it. With an argument g_dlg has a login window, which logs that it is to close, and the slot has a thread,
+// which must be joined first. Sleeps take no time. After everything else has been torn down, the process goes on while
 // somebody else locks /tmp/held: what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
@@ -19,7 +19,7 @@
 
 namespace {
 
-// Registered before all constructors have run, and so called after all destructors and other handlers.
+// Registered before any other constructor runs, so called after every destructor and every other handler.
 __attribute__((constructor(101))) void lingerAtExit() {
     std::atexit([] {
         std::fputs("torn down\n", stderr);

@@ -178,8 +178,7 @@ def test_outdated_launcher_ends_itself():
 
 
 def end_while(how, thread):
-    """Ends the process under a thread that is "supervising", cycle after cycle, or "downloading" without end: nothing
-    waits for it, and all that it uses is still there when all else has been torn down."""
+    """Nothing waits for the thread, and all that it uses is still there when all else has been torn down."""
     number, status = {"of_the_loop": (signal.SIGUSR1, 0), "by_exit": (signal.SIGUSR2, 7)}[how]
     with Machine() as machine, open("/tmp/held", "w") as held:
         shutil.copy("/build/tests/in_loop", machine.launcher_path)
