@@ -66,7 +66,7 @@ def spread(result, unit=1, less=0):
 
 def download():
     """Ours, curl alone, and the commands that keep the same promise."""
-    target = DISK / "KR"
+    target = DISK / "KR.app/Contents/MacOS/KR"
     url = f"https://{certificates.HOST}{service.DOWNLOAD_PATH}KR"
     curl = f"curl -sS -o {target}.new {shlex.quote(url)}"
     durable = f"{curl} && sync {target}.new && chmod 755 {target}.new && mv {target}.new {target}"
@@ -75,7 +75,7 @@ def download():
         "curl": curl,
         "curl, sync, mv": f"sh -c {shlex.quote(durable)}",
     }
-    DISK.mkdir()
+    target.parent.mkdir(parents=True)
     certificates.make_all()
     (certificates.FOLDER / "nginx.conf").write_text(NGINX)
     nginx = subprocess.Popen(["nginx", "-c", certificates.FOLDER / "nginx.conf"])

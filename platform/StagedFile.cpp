@@ -1,4 +1,4 @@
-// A staging file: created beside its target, flushed to stable storage, renamed.
+// A staging file: created beside its target, kept outside the target's bundle, flushed to stable storage, renamed.
 #include "platform/StagedFile.h"
 
 #include "platform/UniqueFd.h"
@@ -15,15 +15,26 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char *kStagingSuffix = ".download.";
+constexpr std::size_t kUniqueCharacters = 6; // as many as mkostemp(3) replaces
+
+// Returns the folder that holds the bundle in which this is the folder of executables, or an empty path when it is not.
+fs::path folderOfBundle(const fs::path &executables) {
+    std::error_code error;
+    const fs::path folder = fs::canonical(executables, error);
+    const fs::path contents = folder.parent_path();
+    const fs::path bundle = contents.parent_path();
+    if (error || folder.filename() != "MacOS" || contents.filename() != "Contents" || bundle.extension() != ".app")
+        return {};
+    return bundle.parent_path();
+}
 
 // Each attempt's staging file has a unique name, so no process renames another's half-written file. The names share a
 // beginning, by which those left by killed processes are found.
-void removeLeftovers(const fs::path &target) {
-    const std::string beginning = target.filename().string() + kStagingSuffix;
+void removeLeftovers(const fs::path &folder, const std::string &beginning) {
     std::error_code ignored;
-    for (fs::directory_iterator entry(target.parent_path(), ignored), end; entry != end; entry.increment(ignored)) {
-        if (entry->path().filename().string().starts_with(beginning)) {
+    for (fs::directory_iterator entry(folder, ignored), end; entry != end; entry.increment(ignored)) {
+        const std::string name = entry->path().filename().string();
+        if (name.starts_with(beginning) && name.size() == beginning.size() + kUniqueCharacters) {
             std::error_code stays;
             fs::remove(entry->path(), stays);
         }
@@ -39,13 +50,19 @@ bool mayBeReplaced(const fs::path &target) {
     return access(target.c_str(), W_OK) == 0 || errno == ENOENT || errno == ETXTBSY;
 }
 
+// Whether the path still leads to this file itself, not to a link or to another file.
+bool leadsTo(const std::string &path, const struct stat &file) {
+    struct stat named = {};
+    return lstat(path.c_str(), &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+}
+
 // Returns true once what was written to the file or folder is on stable storage. On macOS fsync(2) leaves it in the
 // drive's cache, which may be written in any order; F_FULLFSYNC flushes that too. Some file systems, such as those of
-// network volumes, refuse it with one of these three errors; fsync is then the best there is.
+// network volumes, refuse it with one of these errors; fsync is then the best there is.
 bool reachStableStorage(int descriptor) {
     if (fcntl(descriptor, F_FULLFSYNC) == 0)
         return true;
-    const bool refused = errno == ENOTSUP || errno == ENOTTY || errno == EINVAL;
+    const bool refused = errno == ENOTSUP || errno == EOPNOTSUPP || errno == ENOTTY || errno == EINVAL;
     return refused && fsync(descriptor) == 0;
 }
 
@@ -60,13 +77,23 @@ void syncFolder(const fs::path &folder) {
 StagedFile::StagedFile(const std::string &target) : target_(target) {
     if (!mayBeReplaced(target_))
         return;
-    removeLeftovers(target_);
+    const fs::path folder = fs::path(target_).parent_path();
+    const fs::path outside = folderOfBundle(folder);
+    const std::string beginning = fs::path(target_).filename().string() + ".download.";
+    removeLeftovers(folder, beginning);
+    if (!outside.empty())
+        removeLeftovers(outside, "." + beginning);
 
-    staging_ = target_ + kStagingSuffix + std::string(6, 'X'); // mkostemp(3) replaces these characters
+    staging_ = folder / (beginning + std::string(kUniqueCharacters, 'X'));
     UniqueFd descriptor(mkostemp(staging_.data(), O_CLOEXEC));
     if (!descriptor) {
         staging_.clear();
         return;
+    }
+    if (!outside.empty()) {
+        std::string hidden = outside / ("." + fs::path(staging_).filename().string());
+        if (rename(staging_.c_str(), hidden.c_str()) == 0)
+            staging_.swap(hidden);
     }
     stream_.reset(fdopen(descriptor.get(), "wb"));
     if (!stream_)
@@ -83,13 +110,14 @@ StagedFile::~StagedFile() {
 }
 
 void StagedFile::replaceTarget() {
+    const int descriptor = fileno(stream_.get());
     struct stat received = {};
-    if (fstat(fileno(stream_.get()), &received) != 0 || received.st_size == 0 ||
-        !reachStableStorage(fileno(stream_.get())))
+    if (fstat(descriptor, &received) != 0 || received.st_size == 0 || fchmod(descriptor, 0755) != 0 ||
+        !reachStableStorage(descriptor))
         return;
     if (std::fclose(stream_.release()) != 0)
         return;
-    if (chmod(staging_.c_str(), 0755) != 0 || rename(staging_.c_str(), target_.c_str()) != 0)
+    if (!leadsTo(staging_, received) || !mayBeReplaced(target_) || rename(staging_.c_str(), target_.c_str()) != 0)
         return;
     staging_.clear();
     syncFolder(fs::path(target_).parent_path());

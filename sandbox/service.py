@@ -231,6 +231,14 @@ def pause(handler, content, seconds, offset=0):
 
 
 @fault
+def meanwhile(handler, content, act, offset):
+    """A good answer; after so many bytes of it, something else happens."""
+    handler.begin(content, offset)
+    act()
+    handler.wfile.write(content[offset:])
+
+
+@fault
 def trickle(handler, content, bytes_per_second):
     """A good answer that comes slowly."""
     handler.begin(content, 0)

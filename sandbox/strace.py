@@ -5,14 +5,14 @@ import re
 STEPS = pathlib.Path("/tmp/steps")
 # As a daemon, so that the launcher is its parent's child; its threads and children too; only the calls that count.
 STRACE = ["/usr/bin/strace", "-D", "-f", "--seccomp-bpf"]
-QUICKLY = [*STRACE, "-qq", "-s", "999", "-o", str(STEPS)]
+QUICKLY = [*STRACE, "-qq", "-y", "-s", "999", "-o", str(STEPS)]
 QUICKLY += ["-e", "inject=clock_nanosleep:retval=0"]
-QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fsync,?rename,?renameat,?renameat2"]
+QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fchmod,fsync,?rename,?renameat,?renameat2"]
 # The lines of its log that count, and what steps() calls them.
 PATTERNS = {
     r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
     r"connect\(.*htons\(443\)": "ask",
-    r"(fsync|rename)\w*\(": "disk",
+    r"(fchmod|fsync|rename)\w*\(.*(?:KR.download|/MacOS>)": "disk",
     r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt|KR.download).*O_": "open",
     r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
 }

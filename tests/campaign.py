@@ -35,6 +35,7 @@ class Round:
     """What faults are made with."""
 
     command = None  # what starts the launcher, if not its own path
+    brought_about = True  # False while the fault is still to come
 
     def __init__(self, machine, fault):
         self.machine, self.service, self.outcomes = machine, machine.service, fault.outcomes
@@ -42,6 +43,11 @@ class Round:
         self.offset = random.randrange(len(self.payload))
         self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
+
+    def look(self):
+        """Notes what must not change from now on."""
+        self.old = self.target.exists() and sandbox.state(self.target)
+        self.around = snapshot(self.machine)
 
 
 def change(**changes):
@@ -71,6 +77,23 @@ def break_off(what, make):
 def long_version(size):
     """A version that goes on in blanks to this size."""
     return lambda r: r.service.versions.update(KR_CAP=b'"2.6' + b" " * (size - 5) + b'"')
+
+
+def meanwhile(command):
+    """A command in the install folder, after the first part of a download has been written."""
+
+    def bring_about(r):
+        r.offset, r.brought_about = max(r.offset, 1), False
+
+        def act():
+            until(lambda: [path for path in staged(r.machine) if path.stat().st_size == r.offset], "a part is written")
+            subprocess.run(["sh", "-ec", command], check=True, cwd=r.machine.folder)
+            r.look()
+            r.brought_about = True
+
+        r.service.faults["download"] = service.meanwhile(act, r.offset)
+
+    return bring_about
 
 
 def large_download(size, fault):
@@ -175,12 +198,17 @@ FAULTS = {
     "download: self-signed": Fault(answer("version", service.and_then(certificate="self-signed")), **NOT_ASKED),
     "name: does not resolve": Fault(shell("echo >/etc/hosts"), **NO_START),
     "disk: full": Fault(full_disk),
+    "disk: rename fails": Fault(meanwhile("cd KR.app/Contents/MacOS; mount --bind . ."), downloads=1),
     "disk: close fails": Fault(failing_close),
     "folder: read-only": Fault(shell("chmod 555 ."), **NOT_ASKED),
-    "folder: in the target's place": Fault(shell("rm KR; mkdir KR"), **NOT_ASKED, outcomes=["folder"]),
+    "folder: in the target's place": Fault(shell("rm KR; install -d -o alice KR"), **NOT_ASKED, outcomes=["folder"]),
+    "folder: bundle's is read-only": Fault(shell("cd ../../..; rm .KR.download.killed; chmod 555 ."), **NEW),
+    "folder: bundle is swapped": Fault(meanwhile("cp -a KR.app new; rm -r KR.app; mv new KR.app"), **NEW),
+    "staging file: a link": Fault(meanwhile("set .KR.download.??????; mv $1 ~alice; ln -s ~alice/$1 $1")),
     "folder: missing": Fault(shell("rm -r ../MacOS"), **NOT_ASKED, outcomes=["absent"]),
     "target: missing": Fault(shell("rm KR"), **NEW),
     "target: read-only": Fault(shell("chmod 444 KR"), **NOT_ASKED),
+    "target: becomes read-only": Fault(meanwhile("chmod 444 KR.app/Contents/MacOS/KR"), downloads=1),
     "target: another user's": Fault(shell("chown root . KR; chmod 1777 ."), **NOT_ASKED),
     "target: goes on running": Fault(outlive_its_end, **NEW),
     "open: fails": Fault(lambda r: tools.replace("open", "exit 1"), **NEW),
@@ -189,7 +217,7 @@ FAULTS = {
 }
 for name in ("expired", "self-signed", "wrong-host"):
     FAULTS[f"certificate: {name}"] = Fault(change(certificate=name), **NO_START)
-for call in ("fsync", "chmod", "rename"):
+for call in ("fsync", "fchmod"):
     FAULTS[f"disk: {call} fails"] = Fault(failing_call(call, "EIO"))
 for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
     FAULTS[f"disk: no cache flush, {error}"] = Fault(failing_call("fsync", error), **NEW)
@@ -205,20 +233,25 @@ def install_old(target):
     sandbox.own(target.parent)
 
 
+def staged(machine):
+    """The staging files in both places."""
+    return {*machine.companion.parent.glob("KR.download.??????"), *machine.folder.glob(".KR.download.??????")}
+
+
 def snapshot(machine):
-    """Everything in the install folder but the target and what lies beside it."""
+    """Everything in the install folder but the target, what lies beside it, and staging files."""
     paths = [path for path in machine.folder.rglob("*") if machine.companion.parent not in (path, *path.parents)]
-    return {path: sandbox.state(path) for path in paths}
+    return {path: sandbox.state(path) for path in paths if path not in staged(machine)}
 
 
-def outcome(r, before):
+def outcome(r):
     if not r.target.exists():
         return "absent"
     if r.target.is_dir():
         return "folder"
     content = r.target.read_bytes()
     if content == OLD:
-        assert sandbox.state(r.target) == before, "the old executable's mode or times changed"
+        assert sandbox.state(r.target) == r.old, "the old executable's mode or times changed"
         return "old"
     assert content == r.payload and r.target.stat().st_mode == 0o100755, "the installed executable is damaged"
     return "new"
@@ -227,19 +260,24 @@ def outcome(r, before):
 def play(machine, fault):
     """One round, and the promises that hold whatever happens."""
     tools.install()
-    machine.companion.with_name("KR.download.killed").write_bytes(OLD[:300])  # what a killed launcher leaves
+    beside, outside = machine.companion.parent, machine.folder
+    for leftover in (beside / "KR.download.killed", outside / ".KR.download.killed"):
+        leftover.write_bytes(OLD[:300])  # what a killed launcher leaves
+    for other in (beside / "KR.download.zip", outside / "KR.download.others", outside / ".KR.download.zip"):
+        other.touch()  # none of the launcher's
     install_old(machine.companion)
     r = Round(machine, fault)
     machine.offer("2.6", payload=r.payload)
     fault.bring_about(r)
-    target = r.target.exists() and sandbox.state(r.target)
-    before, leftovers = snapshot(machine), set(r.folder.glob("KR.download.*"))
+    r.look()
+    leftovers = staged(machine)
     launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(tools.PATH)})
     until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher")
     status = launcher.poll()
     sandbox.end_all("Korvane")
     launcher.wait()
-    found, starts, downloads = outcome(r, target), len(tools.calls("open")), r.service.order().count("download")
+    found, starts, downloads = outcome(r), len(tools.calls("open")), r.service.order().count("download")
+    assert r.brought_about, "the fault has not come about"
     assert status == fault.status, f"the launcher's status is {status}"
     assert found in r.outcomes, f"the executable is {found}"
     assert fault.starts in (None, starts), f"the start command ran {starts} times"
@@ -248,9 +286,9 @@ def play(machine, fault):
         until(lambda: len(r.service.waits) == len(fault.limits), "the launcher has gone from a silent service")
         for wait, limit in zip(r.service.waits, fault.limits):
             assert limit - 3 <= wait <= limit + 10, f"it waited {wait} s, not {limit} s"
-    left = set(r.folder.glob("KR.download.*")) - (leftovers if found != "new" else set())
-    assert status == -9 or not left, f"staging files are left: {left}"
-    assert snapshot(machine) == before, "something else has changed"
+    left = staged(machine) - (leftovers if found != "new" else set())
+    assert not left or status == -9 and not left & set(r.folder.iterdir()), f"staging files are left: {left}"
+    assert snapshot(machine) == r.around, "something else has changed"
     peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
     assert peak < 160 * 1024, f"a launcher took {peak} KiB of memory"  # reading an endless answer or marker takes more
 
