@@ -35,6 +35,21 @@ std::size_t write_data(void *data, std::size_t size, std::size_t count, void *fi
     return std::fwrite(data, size, count, static_cast<std::FILE *>(file));
 }
 
+// True when the answer has no header of this name, or exactly one with this value (curl_easy_header(3)).
+bool onlyHeader(CURL *handle, const char *name, const char *value) {
+    curl_header *header = nullptr;
+    const CURLHcode found = curl_easy_header(handle, name, 0, CURLH_HEADER, -1, &header);
+    if (found == CURLHE_MISSING)
+        return true;
+    return found == CURLHE_OK && header->amount == 1 && curl_strequal(header->value, value);
+}
+
+// Whether what was received is the file itself. No coding was asked for. libcurl does not undo a content coding, and
+// its releases differ in what they make of a transfer coding other than "chunked", and of one that is cut.
+bool cameUncoded(CURL *handle) {
+    return onlyHeader(handle, "Content-Encoding", "identity") && onlyHeader(handle, "Transfer-Encoding", "chunked");
+}
+
 // libcurl's progress callback: any value but 0 ends the transfer (CURLOPT_XFERINFOFUNCTION(3)).
 int endWhenTooLong(void *answer, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     return static_cast<std::string *>(answer)->size() > kLongestAnswer;
@@ -95,9 +110,10 @@ void downloadSetup(const std::string &fileName, const std::string &target) try {
     const CURLcode result = curl_easy_perform(handle.get());
     long status = 0;
     curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
+    const bool whole = result == CURLE_OK && status == 200 && cameUncoded(handle.get());
     handle.reset();
 
-    if (result == CURLE_OK && status == 200)
+    if (whole)
         staged.replaceTarget();
 } catch (...) {
 }

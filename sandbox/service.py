@@ -200,6 +200,14 @@ def chunked_cut(handler, content, offset):
 
 
 @fault
+def chunks(handler, content, pack=bytes, transfer="chunked", coding="identity"):
+    """A good answer in one chunk, packed by this function, and how its headers call the packing."""
+    packed = pack(content)
+    handler.head(200, None, **{"Transfer-Encoding": transfer, "Content-Encoding": coding})
+    handler.wfile.write(b"%x\r\n%s\r\n0\r\n\r\n" % (len(packed), packed))
+
+
+@fault
 def no_length(handler, content):
     """A good answer that ends where the connection does."""
     handler.head(200, None)

@@ -1,6 +1,7 @@
 """The fault campaign: each fault is a test, and the same SEED plays the same round."""
 import dataclasses
 import functools
+import gzip
 import os
 import random
 import resource
@@ -138,6 +139,10 @@ def failing_close(r):
     r.service.faults["download"] = attach
 
 
+def cut_gzip(content):
+    return gzip.compress(content)[:-20]
+
+
 def outlive_its_end(r):
     """A program that goes on running cannot be opened for writing, only replaced."""
     (tools.PATH / "pkill").unlink()
@@ -191,6 +196,10 @@ FAULTS = {
     "version: endless": Fault(answer("version", service.endless()), **NO_START),
     "version: redirect": Fault(break_off("version", lambda _: service.redirect()), **NO_START),
     "version: error with a version": Fault(answer("version", service.status(500)), **NEW),
+    "download: chunks": Fault(answer("download", service.chunks()), **NEW),
+    "download: content coding": Fault(answer("download", service.chunks(gzip.compress, coding="gzip"))),
+    "download: transfer coding": Fault(answer("download", service.chunks(gzip.compress, "gzip, chunked"))),
+    "download: transfer coding, cut": Fault(answer("download", service.chunks(cut_gzip, "gzip, chunked"))),
     "download: empty": Fault(answer("download", service.body(b""))),
     "download: redirect": Fault(answer("download", service.redirect()), downloads=1),
     "download: partial": Fault(answer("download", service.status(206))),
