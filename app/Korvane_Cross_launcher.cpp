@@ -6,6 +6,7 @@
 #include "companion/CompanionUpdate.h"
 #include "companion/LauncherCheck.h"
 #include "platform/Platform.h"
+#include "platform/StandardStreams.h"
 #include "supervise/Supervision.h"
 
 #include <chrono>
@@ -28,11 +29,17 @@ LoginDialog *g_dlg = nullptr;
 
 class App : public wxApp {
   public:
+    App();
     ~App() override {}
     bool OnInit() override;
 };
 
 wxIMPLEMENT_APP(App);
+
+// wxWidgets creates the object before it opens the display, whose connection would take a missing stream's place.
+App::App() {
+    openMissingStandardStreams();
+}
 
 bool App::OnInit() {
     wxInitAllImageHandlers();

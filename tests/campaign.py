@@ -15,7 +15,7 @@ import name_servers
 import service
 import strace
 import tools
-from machine import AGENT, until
+from machine import AGENT, LOCK, until
 
 OLD = sandbox.companion_program("2.5")
 
@@ -127,6 +127,17 @@ def failing_call(call, error):
     return lambda r: setattr(r, "command", strace.failing(call, error, [r.machine.launcher_path]))
 
 
+def no_streams(lock_mode):
+    """Started without standard streams, beside a lock file of root's with this mode."""
+
+    def bring_about(r):
+        LOCK.touch()
+        LOCK.chmod(lock_mode)
+        r.command = ["/bin/sh", "-c", 'exec "$0" <&- >&- 2>&-', r.machine.launcher_path]
+
+    return bring_about
+
+
 def failing_close(r):
     """No file can be closed from the download on: before it, the loader would not start the launcher."""
 
@@ -221,6 +232,8 @@ FAULTS = {
     "target: another user's": Fault(shell("chown root . KR; chmod 1777 ."), **NOT_ASKED),
     "target: goes on running": Fault(outlive_its_end, **NEW),
     "open: fails": Fault(lambda r: tools.replace("open", "exit 1"), **NEW),
+    "streams: closed": Fault(no_streams(0o666), **NEW),
+    "streams: closed, no lock": Fault(no_streams(0o600), **NEW),
     "marker: pipe": Fault(shell(f"rm {MARKER}; mkfifo {MARKER}"), **OUTDATED),
     "marker: endless line": Fault(shell(f"truncate --size 0 {MARKER}; truncate --size 1G {MARKER}"), **OUTDATED),
 }
@@ -298,6 +311,7 @@ def play(machine, fault):
     left = staged(machine) - (leftovers if found != "new" else set())
     assert not left or status == -9 and not left & set(r.folder.iterdir()), f"staging files are left: {left}"
     assert snapshot(machine) == r.around, "something else has changed"
+    assert LOCK.read_bytes() == b"", "something was written to the lock file"
     peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
     assert peak < 160 * 1024, f"a launcher took {peak} KiB of memory"  # reading an endless answer or marker takes more
 
