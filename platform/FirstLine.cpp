@@ -28,7 +28,9 @@ std::string readFirstLine(const std::string &path) {
         const ssize_t count = read(file.get(), block.data(), block.size());
         if (count < 0 && errno == EINTR)
             continue;
-        if (count <= 0)
+        if (count < 0)
+            return {};
+        if (count == 0)
             break;
         const auto end = block.begin() + count;
         const auto lineFeed = std::find(block.begin(), end, '\n');
