@@ -5,6 +5,7 @@
 #include "ui/KorvaneTrayIcon.h"
 
 #include <filesystem>
+#include <memory>
 #include <tuple>
 #include <utility>
 #include <wx/button.h>
@@ -102,10 +103,10 @@ std::pair<wxButton *, wxButton *> addButtonRow(LoginDialog *window, wxSizer *col
     first->SetForegroundColour(*wxBLACK);
     second->SetForegroundColour(*wxBLACK);
 
-    auto *row = new wxBoxSizer(wxHORIZONTAL);
+    auto row = std::make_unique<wxBoxSizer>(wxHORIZONTAL);
     row->Add(first, 0, wxRIGHT, 5);
     row->Add(second, 0, 0, 0);
-    column->Add(row, 0, wxTOP, border);
+    column->Add(row.release(), 0, wxTOP, border);
     return {first, second};
 }
 
@@ -115,11 +116,12 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     SetBackgroundColour(windowGrey());
     SetForegroundColour(*wxBLACK);
 
-    auto *main = new wxBoxSizer(wxVERTICAL);
+    // Each sizer is owned here until the step that adds it: an exception before that frees it.
+    auto main = std::make_unique<wxBoxSizer>(wxVERTICAL);
     main->Add(new wxStaticLine(this, wxID_ANY, wxDefaultPosition, wxDefaultSize, wxLI_HORIZONTAL), 0,
               wxEXPAND | wxLEFT | wxRIGHT, 0);
 
-    auto *content = new wxBoxSizer(wxHORIZONTAL);
+    auto content = std::make_unique<wxBoxSizer>(wxHORIZONTAL);
     const std::string folder = std::filesystem::path(getExecutablePath()).parent_path().string() + "/";
     const wxString bannerFile = fileName(folder + "Korvane.bmp");
     const wxBitmap banner(bannerImage(loadBanner(bannerFile)));
@@ -127,26 +129,26 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     content->Add(new wxStaticLine(this, wxID_ANY, wxDefaultPosition, wxDefaultSize, wxLI_VERTICAL), 0,
                  wxEXPAND | wxTOP | wxBOTTOM, 10);
 
-    auto *form = new wxBoxSizer(wxVERTICAL);
-    addCaption(this, form, "User Name", 20);
-    m_usernameCtrl = addField(this, form, 0);
-    addCaption(this, form, "Password", 15);
-    m_passwordCtrl = addField(this, form, wxTE_PASSWORD);
+    auto form = std::make_unique<wxBoxSizer>(wxVERTICAL);
+    addCaption(this, form.get(), "User Name", 20);
+    m_usernameCtrl = addField(this, form.get(), 0);
+    addCaption(this, form.get(), "Password", 15);
+    m_passwordCtrl = addField(this, form.get(), wxTE_PASSWORD);
 
-    std::tie(m_loginButton, m_logoutButton) = addButtonRow(this, form, 20, "LogIn", "LogOut", false);
-    std::tie(m_korvaneButton, m_exitButton) = addButtonRow(this, form, 6, "Korvane", "Exit", true);
+    std::tie(m_loginButton, m_logoutButton) = addButtonRow(this, form.get(), 20, "LogIn", "LogOut", false);
+    std::tie(m_korvaneButton, m_exitButton) = addButtonRow(this, form.get(), 6, "Korvane", "Exit", true);
 
     m_errorLabel = new wxStaticText(this, wxID_ANY, "", wxDefaultPosition, wxSize(230, -1));
     m_errorLabel->SetForegroundColour(*wxStockGDI::GetColour(wxStockGDI::COLOUR_RED));
     m_errorLabel->SetFont(boldFont());
     form->Add(m_errorLabel, 0, wxTOP, 8);
 
-    content->Add(form, 1, wxALL, 20);
-    main->Add(content, 1, wxEXPAND, 0);
-    SetSizer(main, true);
+    content->Add(form.release(), 1, wxALL, 20);
+    main->Add(content.release(), 1, wxEXPAND, 0);
+    SetSizer(main.release(), true);
     Fit();
     // Under GTK a window without a minimum size shrinks by its title bar when first shown, and clips its contents.
-    main->SetSizeHints(this);
+    GetSizer()->SetSizeHints(this);
     Centre(wxBOTH);
 
     m_trayIcon = new KorvaneTrayIcon(this);
