@@ -133,6 +133,7 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
         opened = descriptors(launcher).count("\n")
         for number, text in enumerate(("0\n", "1\r\n", "\n1\n", " 1", "")):
             machine.service.wait_for("KR_CAP", 2 * number + 3)
+            assert number == 0 or machine.flag.exists()
             machine.flag.write_text(text)
 
         # While the companion runs nothing is asked, though there is a newer one.
@@ -173,6 +174,20 @@ def test_outdated_launcher_ends_itself():
         told = [line for line in launcher.output.read_text().splitlines() if line in ("wxExit", "told to close")]
         assert told == ["wxExit", "told to close"], launcher.output.read_text()
         assert machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] * 2 and not AGENT.exists()
+
+
+def test_supervision_ends_when_an_update_runs_out_of_memory():
+    with Machine() as machine:
+        shutil.copy("/build/tests/in_loop", machine.launcher_path)
+        machine.offer("2.5")
+        launcher = machine.launch()
+        machine.service.wait_for("KR_CAP", 3)
+        launcher.send_signal(signal.SIGHUP)
+        until(lambda: "no memory" in launcher.output.read_text(errors="replace"), "no memory is left")
+        machine.offer("2.6")
+        names = pathlib.Path(f"/proc/{launcher.pid}/task")
+        until(lambda: [name.read_text() for name in names.glob("*/comm")].count("Korvane\n") == 1, "one thread is left")
+        assert launcher.poll() is None and "download" not in machine.service.order()
 
 
 def end_while(how, thread):

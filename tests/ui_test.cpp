@@ -32,14 +32,25 @@ bool until(auto condition, std::chrono::milliseconds limit = 60s) {
     return condition();
 }
 
-// Raising a minimised window restores it as well; only a window that notes what it is told shows which was asked for.
+// Raising a minimised window restores it as well, and window managers raise what they restore; only a window that notes
+// what it is told shows what was asked for.
 struct NotingWindow : LoginDialog {
     using LoginDialog::LoginDialog;
     void Iconize(bool minimise) override {
         restored = !minimise;
     }
+    void Raise() override {
+        raised = true;
+        LoginDialog::Raise();
+    }
     bool restored = false;
+    bool raised = false;
 };
+
+gboolean noteRelease(GtkWidget *, GdkEvent *event, gpointer released) {
+    *static_cast<bool *>(released) |= event->type == GDK_BUTTON_RELEASE;
+    return FALSE; // on to the icon's own handlers
+}
 
 // The window's controls of interest, by their place among its children.
 enum Child { kBanner = 1, kCaption = 3, kUser = 4, kPassword = 6, kLogIn = 7, kExit = 10, kMessage = 11 };
@@ -77,8 +88,12 @@ class Window : public testing::Test {
         ASSERT_TRUE(until([] { return trayIcon() && gtk_widget_get_mapped(trayIcon()); }));
         wxPoint place;
         gdk_window_get_origin(gtk_widget_get_window(trayIcon()), &place.x, &place.y);
+        bool released = false; // a click comes by way of the X server
+        const gulong handler = g_signal_connect(trayIcon(), "event", G_CALLBACK(noteRelease), &released);
         mouse.MouseMove(place + wxPoint(5, 5));
         mouse.MouseClick(button);
+        EXPECT_TRUE(until([&] { return released; }));
+        g_signal_handler_disconnect(trayIcon(), handler);
     }
     void takePicture(const std::string &name) {
         window->Layout();
@@ -172,6 +187,8 @@ TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
     EXPECT_EQ(window->GetUsername() + window->GetPassword(), "");
     wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
     child(kLogIn)->ProcessWindowEvent(press);
+    window->SetUsername("J\xC3\xBC");
+    EXPECT_NE(dynamic_cast<wxTextCtrl *>(child(kUser))->GetValue(), L"J\u00FC");
     std::setlocale(LC_ALL, "C.UTF-8");
     EXPECT_EQ(child(kMessage)->GetLabel(), "Please fill both the fields.");
 }
@@ -253,6 +270,11 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     icon = new KorvaneTrayIcon(window);
     icon->ProcessEvent(click);
     EXPECT_TRUE(window->IsShown() && window->restored); // by the click itself, before anything else happens
+
+    window->raised = false;
+    wxIconizeEvent restored(window->GetId(), false);
+    window->ProcessWindowEvent(restored);
+    EXPECT_TRUE(window->raised);
 }
 
 // The last one: it leaves other pictures beside the executable.

@@ -104,7 +104,7 @@ TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
     Platform::SetAutoStart("/a & b/Korvane");
     const std::string content = read(agent);
     EXPECT_NE(content.find("<string>/a & b/Korvane</string>\n"), std::string::npos) << content;
-    EXPECT_TRUE(content.ends_with("</plist>\n")) << content;
+    EXPECT_TRUE(content.starts_with("<?xml") && content.ends_with("</plist>\n")) << content;
     EXPECT_EQ(Platform::GetPublicDesktopPath(), "/Users/Shared/Desktop");
     EXPECT_EQ(Platform::GetUserDesktopPath(), folder.string() + "/Desktop");
     setVariable("HOME", std::nullopt);
