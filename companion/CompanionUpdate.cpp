@@ -3,8 +3,8 @@
 
 #include "app/Globals.h"
 #include "companion/ServiceClient.h"
-#include "companion/ServiceHasNewer.h"
 #include "companion/ShellQuote.h"
+#include "companion/VersionCheck.h"
 #include "platform/Platform.h"
 #include "supervise/CompanionProcess.h"
 

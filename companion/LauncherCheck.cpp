@@ -2,7 +2,7 @@
 #include "companion/LauncherCheck.h"
 
 #include "app/Globals.h"
-#include "companion/ServiceHasNewer.h"
+#include "companion/VersionCheck.h"
 #include "ui/LoginDialog.h"
 
 #include <thread>

@@ -6,6 +6,6 @@
 // that one may never end. When no event loop runs, wxExit does not return: the process ends with status 255.
 void CheckLauncher();
 
-// Returns true once the launcher has been found outdated: start nothing more. (When an event loop runs, wxExit
-// returns, and the loop ends later.)
+// Returns true once the launcher has been found outdated; the caller must start nothing more. CheckLauncher returns to
+// it only when an event loop runs: wxExit returns then, and the loop ends later.
 bool launcherIsEnding();

@@ -1,5 +1,5 @@
 // Compares the service's version with the version marker.
-#include "companion/ServiceHasNewer.h"
+#include "companion/VersionCheck.h"
 
 #include "app/Globals.h"
 #include "companion/AppVersion.h"
