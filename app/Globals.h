@@ -1,4 +1,4 @@
-// The launcher's process-wide state, defined by the main source file, which defines `main`.
+// The launcher's process-wide state. It is defined in the main source file, beside `main`.
 //
 // None of it is ever destroyed: the supervision thread may be using it when the process ends.
 #pragma once
