@@ -1,4 +1,4 @@
-"""Stand-ins for what only a Mac has: Apple's tools, and a build with them, for script/release and script/check-bundle.
+"""Stand-ins for what only a Mac has: Apple's tools, and a build with them, for what the vendor's engineers run.
 
 Each call does what TOOLS says, a shell command; a call that is not listed fails.
 """
@@ -27,7 +27,8 @@ TOOLS = {
         echo https://vendor.example/ >{BUNDLE}/MacOS/Korvane""",
     "cpack --config": "touch build/release/Korvane-2.5-Darwin-arm64.pkg",
     "pkgutil --expand-full": f"""
-        mkdir -p {PACKAGE}/Payload/Applications
+        mkdir -p {PACKAGE}/Payload/Applications {PACKAGE}/Scripts
+        cp packaging/p*install {PACKAGE}/Scripts
         echo '<relocate/>' >{PACKAGE}/PackageInfo
         cp packaging/*.dist.in {PACKAGE}/../Distribution""",
     "productsign --sign": 'cp "$3" "$4"',
@@ -35,6 +36,9 @@ TOOLS = {
     "xcrun notarytool": "[ $2 = submit ] || echo the log",
     "plutil -lint": "",
     "lsappinfo list": 'echo "    pid = $(pgrep -x Korvane) token=[7] type=\\"UIElement\\" flavor=3"',
+    "launchctl print": "",
+    "launchctl asuser": 'shift 2; exec "$@"',
+    "sudo -u": 'user=$2; shift 2; exec setpriv --reuid "$user" --regid 1000 --clear-groups env USER="$user" "$@"',
     "plutil -extract": "[ $2 = id ] && echo 7 || echo Accepted",
     "xcrun stapler": "",
     "spctl --assess": "",

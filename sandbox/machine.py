@@ -122,10 +122,14 @@ class Machine(Processes):
         process.output = output
         return process
 
+    def open(self, bundle):
+        """Starts another process of an installed bundle; unlike with launch(), it is not a child of this one."""
+        command = ["open", "-n", str(self.folder / bundle)]
+        subprocess.run(command, check=True, env=self.environment, **AS_ALICE)
+
     def start_companion(self):
         """Starts the installed companion and returns its process id."""
-        command = ["open", "-n", str(self.folder / "KR.app")]
-        subprocess.run(command, check=True, env=self.environment, **AS_ALICE)
+        self.open("KR.app")
         return until(companions, "the companion runs")[0]
 
 
@@ -146,13 +150,13 @@ def end(process):
     process.wait()
 
 
-def processes(name):
-    """The ids of the processes of exactly this name that have not ended."""
+def processes(name, uid=None):
+    """The ids of the processes of exactly this name, and of this user if one is given, that have not ended."""
     found = []
     for file in pathlib.Path("/proc").glob("[0-9]*/stat"):
         with contextlib.suppress(OSError):
             pid, shown, condition = re.match(r"(\d+) \((.*)\) (\S)", file.read_text()).groups()
-            if shown == name and condition != "Z":
+            if shown == name and condition != "Z" and uid in (None, file.stat().st_uid):
                 found.append(int(pid))
     return sorted(found)
 

@@ -57,6 +57,7 @@ def test_release_is_made_in_order_or_not_at_all():
         ("the address of vendor.example", "cmake --install", TOOLS["cmake --install"].replace("vendor.", "service.")),
         ("CPack.distribution", "pkgutil --expand-full", expand + "; sed -i /domains/d build/release/expanded/Distr*"),
         ("components.plist", "pkgutil --expand-full", expand + f"; echo '<relocate>' >{PACKAGE}/PackageInfo"),
+        ("would not run it", "pkgutil --expand-full", expand + f"; chmod -x {PACKAGE}/Scripts/postinstall"),
         ("what was signed", "codesign --verify", "case $* in *Payload*) exit 1 ;; esac"),
         ("installer identity", "pkgutil --check-signature", "exit 1"),
         ("store-credentials vendor", "xcrun notarytool", "exit 69"),
