@@ -7,6 +7,7 @@ import json
 import os
 import pathlib
 import re
+import resource
 import shlex
 import subprocess
 import sys
@@ -93,9 +94,15 @@ def download():
 
 
 def start(machine):
-    """From exec to the end of an outdated launcher, less its 4 s of pauses; and of a program with its libraries."""
+    """From exec to the end of an outdated launcher, less its 4 s of pauses; and what does the same without it: a program
+    with its libraries, and curl for its two requests."""
     machine.offer("2.5", launcher="2.6")
-    commands = {"launcher": str(machine.launcher_path), "floor": "/build/bench/bench_floor end"}
+    curl = f"curl -sS -d app=KR_CAP https://{certificates.HOST}{service.VERSION_PATH}"
+    commands = {
+        "launcher": str(machine.launcher_path),
+        "floor, two curl": f"sh -c '/build/bench/bench_floor end; {curl}; {curl}'",
+        "floor": "/build/bench/bench_floor end",
+    }
     print("\nstart and end   ms (least to most)")
     for result in hyperfine(2 if QUICK else 15, commands, "--ignore-failure", **machine.environment):
         name = result["command"]
@@ -132,9 +139,10 @@ def idle(machine):
     MONITRC.chmod(0o600)
     sandbox.own(MONITRC)
     # With the system's own pgrep, rather than the sandbox's in front of it.
-    quiet = {"env": machine.environment, "stdout": subprocess.DEVNULL}
+    environment = machine.environment | {"PATH": "/usr/bin:/bin"}
+    quiet = {"env": environment, "stdout": subprocess.DEVNULL}
     running = {
-        "launcher": machine.launch(environment=machine.environment | {"PATH": "/usr/bin:/bin"}),
+        "launcher": machine.launch(environment=environment),
         "floor": machine.start(["/build/bench/bench_floor"], **quiet),
         "monit": machine.start(["monit", "-I", "-c", MONITRC], **quiet),
     }
@@ -142,6 +150,12 @@ def idle(machine):
     time.sleep(5)
     before = {name: usage_of(process.pid) for name, process in running.items()}
     time.sleep(seconds)
+    children = resource.getrusage(resource.RUSAGE_CHILDREN)
+    for _ in range(seconds // 30):
+        subprocess.run(["sh", "-c", "pgrep -x KR"], **quiet, check=True)
+    probes = resource.getrusage(resource.RUSAGE_CHILDREN)
+    cpu = (probes.ru_utime + probes.ru_stime - children.ru_utime - children.ru_stime) * 1000
+    print(f"\nthe shell and pgrep of as many probes, by hand: {cpu:.0f} ms of CPU")
     print(f"\nidle for {seconds} s   CPU ms   with children   wake-ups a minute   private memory MiB")
     for name, process in running.items():
         own, with_children, wakeups = (now - then for now, then in zip(usage_of(process.pid), before[name]))
