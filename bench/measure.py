@@ -2,6 +2,7 @@
 
 hyperfine(1) times whole commands.
 """
+
 import collections
 import json
 import os

@@ -2,6 +2,7 @@
 
 Each call does what TOOLS says, a shell command; a call that is not listed fails.
 """
+
 import os
 
 import tools

@@ -1,4 +1,5 @@
 """Throwaway TLS certificates: one that the machine trusts, and several that it must not."""
+
 import pathlib
 import shutil
 import ssl

@@ -1,7 +1,10 @@
-"""The launcher's main job, step by step, told to a person. Runs inside sandbox/enter, with --out for the traces.
+"""The launcher's main job, step by step, told to a person.
 
     demonstration.py [--stay]
+
+Runs inside sandbox/enter, with --out for the traces.
 """
+
 import os
 import pathlib
 import shutil

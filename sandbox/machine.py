@@ -3,6 +3,7 @@
 Used by the demonstration, the tests and the benchmark, as root inside sandbox/enter. The launcher and the companion run
 as the ordinary user "alice".
 """
+
 import contextlib
 import os
 import pathlib

@@ -1,4 +1,5 @@
 """Name servers that never answer."""
+
 import pathlib
 import socket
 

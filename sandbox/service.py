@@ -1,10 +1,13 @@
-"""A stand-in for the vendor's web service: a real HTTPS server, with faults on demand.
+"""A stand-in for the vendor's web service, with faults on demand.
 
     with Service(contexts) as vendor:
         vendor.versions["KR_CAP"] = b'"2.6.0.0"'
         vendor.payload = b"..."
         vendor.faults["download"] = cut(1000)
+
+It is a real HTTPS server.
 """
+
 import collections
 import functools
 import http.server

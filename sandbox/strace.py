@@ -1,4 +1,5 @@
 """What a launcher does, step by step, as strace(1) sees it; and what it makes of system calls that fail."""
+
 import pathlib
 import re
 

@@ -1,4 +1,5 @@
 """Stand-ins for tools, in a folder of their own; each call of one is noted."""
+
 import pathlib
 
 PATH = pathlib.Path("/tmp/tools")

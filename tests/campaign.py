@@ -1,4 +1,5 @@
 """The fault campaign: each fault is a test, and the same SEED plays the same round."""
+
 import dataclasses
 import functools
 import gzip

@@ -1,4 +1,5 @@
 """The built launcher, from its bundle, against a real service and real processes."""
+
 import fcntl
 import functools
 import pathlib

@@ -1,4 +1,5 @@
 """What the vendor's engineers run and hand out: a release, the installed folder, the check of a service."""
+
 import os
 import pathlib
 import plistlib
