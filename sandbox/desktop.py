@@ -1,4 +1,4 @@
-"""Runs a program as alice on a desktop of its own: X server, window manager (openbox) and tray (trayer).
+"""Runs a program as alice on a desktop of its own: X server, window manager (openbox) and tray (tint2).
 
     desktop.py PROGRAM [ARGUMENT...]
 
@@ -6,6 +6,7 @@ The program runs from a folder of its own, with the launcher's pictures beside i
 current folder go to /out. DISPLAY_WITHOUT_IDLE_TIME names a second, bare X server, which does not count the time since
 the last input. Runs inside sandbox/enter; the exit status is the program's.
 """
+
 import os
 import pathlib
 import shutil
@@ -15,14 +16,14 @@ import sys
 import machine
 
 FOLDER = machine.HOME / "program"
-TRAY = ["trayer", "--edge", "bottom", "--align", "right", "--widthtype", "request"]
-TRAY += ["--height", "26", "--transparent", "false", "--SetPartialStrut", "true"]
 
 
 def main():
     FOLDER.mkdir(parents=True)
     for file in (sys.argv[1], "/source/ui/art/Korvane.bmp", "/source/ui/art/offline.png"):
         shutil.copy(file, FOLDER)
+    tray = FOLDER / "tint2rc"
+    tray.write_text("panel_items = S\npanel_size = 100% 26\n")  # nothing but icons
     machine.own(machine.HOME)
     with machine.Processes() as processes:
         display, _ = processes.start_display()
@@ -38,15 +39,9 @@ def main():
             "stdout": subprocess.DEVNULL,
             "stderr": subprocess.DEVNULL,
         }
-        processes.start(["openbox"], **quiet)
-        processes.start(TRAY, **quiet)
-
-        def ready():
-            # Openbox may overlook what was asked of it while it started until something else comes.
-            subprocess.run(["wmctrl", "-s", "0"], **quiet)
-            return subprocess.run(["wmctrl", "-l"], env=environment, capture_output=True).stdout
-
-        machine.until(ready, "the window manager shows the tray")
+        processes.start(["openbox", "--startup", f"tint2 -c {tray}"], **quiet)
+        look = ["xdotool", "search", "--onlyvisible", "--class", "tint2"]
+        machine.until(lambda: subprocess.run(look, **quiet).returncode == 0, "the window manager shows the tray")
         command = [FOLDER / pathlib.Path(sys.argv[1]).name, *sys.argv[2:]]
         status = subprocess.run(command, env=environment, cwd=machine.HOME, **machine.AS_ALICE).returncode
         for picture in machine.HOME.glob("*.png"):
