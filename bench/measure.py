@@ -95,8 +95,10 @@ def download():
 
 
 def start(machine):
-    """From exec to the end of an outdated launcher, less its 4 s of pauses; and what does the same without it: a program
-    with its libraries, and curl for its two requests."""
+    """From exec to the end of an outdated launcher, less its 4 s of pauses.
+
+    Beside it a program with its libraries, with curl for its two requests and without.
+    """
     machine.offer("2.5", launcher="2.6")
     curl = f"curl -sS -d app=KR_CAP https://{certificates.HOST}{service.VERSION_PATH}"
     commands = {

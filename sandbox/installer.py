@@ -2,6 +2,7 @@
 
 Something newer than every version is offered, and another user has a launcher and a companion too.
 """
+
 import shutil
 import subprocess
 import time

@@ -1,4 +1,5 @@
 """The package over what runs: afterwards the user has one launcher and one companion, the new ones."""
+
 import os
 import plistlib
 import shutil
