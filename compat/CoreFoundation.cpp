@@ -40,7 +40,7 @@ CFTypeID CFNumberGetTypeID() {
 }
 
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType, void *value) {
-    *static_cast<int64_t *>(value) = number->value;
+    *static_cast<int64_t *>(value) = dynamic_cast<const __CFNumber &>(*object(number)).value;
     return true;
 }
 

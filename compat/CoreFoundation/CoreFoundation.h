@@ -33,7 +33,8 @@ const void *CFDictionaryGetValue(CFDictionaryRef dictionary, const void *key);
 CFTypeID CFGetTypeID(CFTypeRef object);
 CFTypeID CFNumberGetTypeID(void);
 
-// Stores the number in *value, an int64_t for kCFNumberSInt64Type, and returns true.
+// Stores the number in *value, an int64_t for kCFNumberSInt64Type, and returns true. Throws when the object is no
+// number.
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void *value);
 
 // Releases one reference; releasing the last one frees the object and releases what it holds.
