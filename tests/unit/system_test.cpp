@@ -6,7 +6,6 @@
 #include "supervise/ManualExitFlag.h"
 #include "supervise/Supervision.h"
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -139,22 +138,6 @@ TEST(System, IdleTimeIsTheDisplays) {
         EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
     }
     setVariable("DISPLAY", display);
-}
-
-TEST(System, SemaphoresBlockUntilReleased) {
-    static dispatch_semaphore_t semaphore = nullptr; // nothing frees it
-    Platform::SemInit(semaphore, -1);
-    EXPECT_EQ(semaphore, nullptr);
-    Platform::SemInit(semaphore, 0);
-    Platform::SemDestroy(semaphore); // without effect
-    std::atomic<bool> released = false;
-    std::jthread releaser([&] {
-        std::this_thread::sleep_for(20ms); // time for a wait that does not block to be caught
-        released = true;
-        Platform::SemRelease(semaphore);
-    });
-    Platform::SemWait(semaphore);
-    EXPECT_TRUE(released);
 }
 
 } // namespace

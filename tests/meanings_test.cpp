@@ -1,0 +1,146 @@
+// What the launcher takes macOS to mean, asked of the system: on Linux, of compat/. Harmless to everything else there.
+#include "platform/Closing.h"
+#include "platform/Platform.h"
+#include "platform/UniqueFd.h"
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <gtest/gtest.h>
+#include <mach-o/dyld.h>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kName = "m" + std::to_string(getpid()) + "eant"; // Linux cuts a name after 15 characters
+const std::string kFolder = fs::canonical(fs::temp_directory_path()) / kName / "";
+std::string self(4096, '\0');
+
+// Copies this program; main() tells what a copy does.
+std::string copyTo(const std::string &path) {
+    fs::create_directories(fs::path(path).parent_path());
+    fs::copy_file(self, path);
+    return path;
+}
+
+auto start(const std::string &command) {
+    return std::unique_ptr<std::FILE, Closing<pclose>>(popen(command.c_str(), "r"));
+}
+
+std::string line(const auto &file) {
+    char text[4096] = "";
+    return std::fgets(text, sizeof text, file.get()) ? text : "";
+}
+
+// The tools' ancestor, this process, has that name, and that pattern in its command line.
+TEST(Meanings, ProcessesAreFoundByExactNameAndEndedByPattern) {
+    auto stays = start("exec " + self + " stay");
+    const std::string pid = line(stays);
+    EXPECT_EQ(line(start("echo $(pgrep -x " + kName + ")")), pid);
+    EXPECT_EQ(line(start("pgrep -x " + kName.substr(0, kName.size() - 1))), "");
+    Platform::CloseExternalApp(self);
+    EXPECT_EQ(WTERMSIG(pclose(stays.release())), SIGTERM);
+}
+
+TEST(Meanings, ExecutablePathIsTheOneStarted) {
+    std::uint32_t size = self.size(); // no room for the zero byte
+    std::string buffer(size, '.');
+    EXPECT_EQ(_NSGetExecutablePath(buffer.data(), &size), -1);
+    EXPECT_EQ(size, self.size() + 1);
+    EXPECT_EQ(buffer, std::string(self.size(), '.'));
+    const std::string launcher = copyTo(kFolder + "Korvane.app/Contents/MacOS/Korvane");
+    fs::create_symlink(launcher, kFolder + "link");
+    fs::create_symlink("../Korvane", kFolder + "Korvane.app/link");
+    EXPECT_EQ(line(start(kFolder + "link where")), kFolder + "link\n");
+    EXPECT_EQ(line(start(kFolder + "Korvane.app/link where")), launcher + "\n");
+}
+
+TEST(Meanings, FilesReachStableStorageAndReplaceOthers) {
+    for (const auto &path : {self, kFolder})
+        EXPECT_EQ(fcntl(UniqueFd(open(path.c_str(), O_RDONLY)).get(), F_FULLFSYNC), 0) << path;
+    fs::rename(copyTo(kFolder + "newer"), self); // while it runs
+    fs::permissions(self, fs::perms::owner_read | fs::perms::owner_exec);
+    fs::rename(copyTo(kFolder + "newest"), self); // and read-only
+}
+
+int lookups = 0; // see valueOf
+
+TEST(Meanings, IdleTimeIsANumberOrNotKnown) {
+    EXPECT_GE(Platform::GetIdleTimeSeconds(), 0);
+    EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
+    EXPECT_EQ(lookups, 2);
+}
+
+TEST(Meanings, SemaphoresBlockUntilReleased) {
+    static dispatch_semaphore_t semaphore = nullptr; // nothing frees it
+    Platform::SemInit(semaphore, -1);
+    EXPECT_EQ(semaphore, nullptr);
+    Platform::SemInit(semaphore, 0);
+    Platform::SemDestroy(semaphore); // without effect
+    const auto waiter = std::async(std::launch::async, Platform::SemWait, std::ref(semaphore));
+    EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    Platform::SemRelease(semaphore);
+}
+
+TEST(Open, StartsOneMoreWithNothingOfOursButTheEnvironment) {
+    if (std::system("! command -v launchctl >/dev/null || launchctl print gui/$(id -u) >/dev/null"))
+        GTEST_SKIP() << "no session with a screen"; // which open does not need on Linux
+    copyTo(kFolder + "Opened.app/Contents/MacOS/Opened");
+    std::ofstream(kFolder + "Opened.app/Contents/Info.plist") // for macOS alone: compat/bin/open goes by the names
+        << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.mervix.korvane.meanings</string>"
+        << "<key>CFBundleExecutable</key><string>Opened</string><key>LSBackgroundOnly</key><true/></dict></plist>";
+    const std::string told = kFolder + "told", held = kFolder + "held";
+    mkfifo(told.c_str(), 0600);
+    const UniqueFd inherited(dup2(UniqueFd(open(held.c_str(), O_WRONLY | O_CREAT, 0600)).get(), 9));
+    std::signal(SIGUSR1, SIG_IGN);
+    const std::string wait = "echo ours; echo ours >&2; echo ours >&9; exec >" + told; // until it is read
+    const std::string tell = "; echo parent $(ps -o ppid= -p $$) in $(pwd), ignored: $(sh -c 'kill -USR1 $$; echo $$')";
+    setenv("MEANING", (wait + tell + ", process $$").c_str(), 1);
+    for (int instance = 0; instance < 2; ++instance)
+        ASSERT_EQ(std::system(("open -n " + kFolder + "Opened.app >>" + held + " 2>&1").c_str()), 0);
+    const std::unique_ptr<std::FILE, Closing<std::fclose>> both(std::fopen(told.c_str(), "r+"));
+    const std::string first = line(both), second = line(both);
+    EXPECT_TRUE(first.starts_with("parent 1 in /, ignored: , process ")) << first;
+    EXPECT_NE(first, second);
+    EXPECT_EQ(fs::file_size(held), 0u);
+}
+
+} // namespace
+
+// What Platform.mm gets from CFDictionaryGetValue: the second time no number.
+extern "C" const void *valueOf(CFDictionaryRef table, const void *key) {
+    const void *value = CFDictionaryGetValue(table, key);
+    EXPECT_TRUE(value && CFGetTypeID(value) == CFNumberGetTypeID());
+    return ++lookups == 1 ? value : table;
+}
+
+// The argument is the log-in program. Goes on as a copy whose name nobody else has.
+int main(int argc, char **argv) {
+    alarm(100); // what does not end by itself ends all the same
+    std::uint32_t size = self.size();
+    _NSGetExecutablePath(self.data(), &size);
+    self = self.c_str();
+    const std::string role = argc > 1 ? argv[1] : "";
+    if (role == "where")
+        return std::puts(self.c_str()) < 0;
+    if (role == "stay")
+        return dprintf(STDOUT_FILENO, "%d\n", getpid()) + pause();
+    if (self.ends_with("/Opened"))
+        return execl("/bin/sh", "sh", "-c", std::getenv("MEANING"), nullptr);
+    if (!self.ends_with(kName)) {
+        std::string copy = copyTo(kFolder + kName);
+        argv[0] = copy.data();
+        return execv(argv[0], argv);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    fs::copy_file(argv[1], kFolder + "Korvane");
+    const int status = RUN_ALL_TESTS();
+    fs::remove_all(kFolder);
+    return status;
+}
