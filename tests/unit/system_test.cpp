@@ -6,13 +6,16 @@
 #include "supervise/ManualExitFlag.h"
 #include "supervise/Supervision.h"
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <wx/app.h>
 
 namespace fs = std::filesystem;
@@ -36,6 +39,8 @@ using Value = std::optional<std::string>;
 void setVariable(const char *name, const Value &value) {
     value ? setenv(name, value->c_str(), 1) : unsetenv(name);
 }
+
+int readsLeft = -1; // until read(2) fails; negative: it does not
 
 TEST(System, UserIsTheFirstVariableThatIsSet) {
     const Value none;
@@ -94,6 +99,15 @@ TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     }
 }
 
+TEST(System, FlagThatCannotBeReadToTheLinesEndIsNone) {
+    write(folder / "alice_ManualExit.txt", std::string(5000, '1'));
+    EXPECT_EQ(readExitCheck().size(), 5000u);
+    readsLeft = 1;
+    EXPECT_EQ(readExitCheck(), "");
+    readsLeft = -1;
+    fs::remove(folder / "alice_ManualExit.txt");
+}
+
 TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
     const fs::path agent = folder / "Library/LaunchAgents/com.mervix.korvane.plist";
     Platform::SetAutoStart("/nowhere");
@@ -141,3 +155,11 @@ TEST(System, IdleTimeIsTheDisplays) {
 }
 
 } // namespace
+
+// In the place of the C library's.
+extern "C" ssize_t read(int descriptor, void *buffer, std::size_t size) {
+    if (readsLeft < 0 || readsLeft-- > 0)
+        return syscall(SYS_read, descriptor, buffer, size);
+    errno = EIO;
+    return -1;
+}
