@@ -134,23 +134,33 @@ def test_check_bundle_starts_and_ends_the_launcher():
 
 def test_check_service_tells_what_the_launcher_makes_of_it():
     program = bytes.fromhex("cffaedfe0c000001") + b"..."
+    chunk = b"%x\r\n%b\r\n0\r\n\r\n" % (len(program), program)
+    coded = service.fault(lambda to, _, **headers: (to.head(200, None, **headers), to.wfile.write(chunk)))
     table = [
         ([], {}),
         (["expired"] * 3, {"certificate": "expired"}),
         (["status 500"] * 2, {"faults": {"version": service.status(500)}}),
         (["no redirect", "read 0.0"] * 2, {"faults": {"version": service.redirect()}}),
         (["no redirect"], {"faults": {"download": service.redirect()}}),
-        (["reads 04"] * 2, {"faults": {"version": service.body(b"404 page not found")}}),
-        (["read 0.0"] * 2, {"faults": {"version": service.body(b"2.6.0.0")}}),
         (["neither a length nor chunks"], {"faults": {"download": service.no_length()}}),
+        ([], {"faults": {"download": coded(**{"Transfer-Encoding": "chunked", "Content-Encoding": "identity"})}}),
+        (["g:gzip"], {"faults": {"download": coded(**{"Transfer-Encoding": "chunked", "Content-Encoding": "gzip"})}}),
+        (["g:identity,chunked"], {"faults": {"download": coded(**{"Transfer-Encoding": "identity, chunked"})}}),
         (["no executable for arm64"], {"payload": b"#!/bin/sh"}),
+        (["not signed;"], {"codesign": "echo not signed at all; exit 1"}),
+        (["signed ad hoc"], {"codesign": "echo TeamIdentifier=not set"}),
+        (["but KR.app by none"], {"codesign": f"case $* in *KR.app) exit 1 ;; esac; echo TeamIdentifier={TEAM}"}),
     ]
+    answers = {b"404 page not found": "4.0", b"2.6.0.0": "0.0", b"x7": "0.0", b"77\n": "7.0", b'"2\x006.0"': "2.0"}
+    table += [([f"read {read}:"] * 2, {"faults": {"version": service.body(text)}}) for text, read in answers.items()]
+    table.append(([], {"faults": {"version": service.body(b"\xff2.6.0.0\xff\r\n")}}))
+    command = ["/source/script/check-service", "service.korvane.example", "--companion", "KR.app"]
     with Machine() as machine:
         machine.offer("2.6.0.0")
         for expected, changes in table:
+            environment = apple.install({"codesign --display": changes.pop("codesign", f"echo TeamIdentifier={TEAM}")})
             machine.service.change(**{"certificate": "good", "faults": {}, "payload": program} | changes)
-            command = ["/source/script/check-service", "service.korvane.example"]
-            done = subprocess.run(command, capture_output=True, text=True)
+            done = subprocess.run(command, env=environment, capture_output=True, text=True)
             wrong = [line for line in done.stdout.splitlines() if line.startswith("WRONG")]
             assert done.returncode == bool(wrong) and len(wrong) == len(expected), (changes, done)
             assert all(text in line for text, line in zip(expected, wrong)), (expected, wrong)
