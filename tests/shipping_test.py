@@ -114,6 +114,12 @@ def test_installed_folder_can_be_sealed():
     assert status and "runtime" not in " ".join(calls), calls
 
 
+def test_mac_needs_wxwidgets_3_3():
+    command = "OBJCXX=/usr/bin/g++ cmake -B /tmp/mac /source -DCMAKE_SYSTEM_NAME=Darwin -DCMAKE_INSTALL_NAME_TOOL=true"
+    done = subprocess.run(command, shell=True, stderr=subprocess.PIPE)
+    assert b'least "3.3"' in done.stderr, done
+
+
 def test_check_bundle_starts_and_ends_the_launcher():
     # The process has checked in when it is asked for the second time.
     type_of = """[ -e /tmp/asked ] && type='"BackgroundOnly"' || type='[ NULL ]'; >/tmp/asked"""
