@@ -2,7 +2,7 @@
 
 import pathlib
 
-PATH = pathlib.Path("/tmp/tools")
+PATH = pathlib.Path("/tmp/tools/bin")
 CALLS = pathlib.Path("/tmp/calls")
 
 
@@ -14,7 +14,7 @@ def replace(name, body):
 
 def install():
     """Begins with those that the launcher calls, doing what they do, and with no call."""
-    PATH.mkdir(exist_ok=True)
+    PATH.mkdir(parents=True, exist_ok=True)
     for name in ("open", "pgrep", "pkill"):
         replace(name, f'exec /source/compat/bin/{name} "$@"')
     CALLS.write_text("")
