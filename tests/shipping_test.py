@@ -132,6 +132,8 @@ def test_check_bundle_starts_and_ends_the_launcher():
         ("", {"lsappinfo list": late}),
         ("shows in the Dock", {"lsappinfo list": TOOLS["lsappinfo list"].replace("UIElement", "Foreground")}),
         ("the seal of", {"codesign --verify": "exit 1"}),
+        ("255\n", {"env -i": "exit 255"}),
+        ("255; likely because alice is not logged in", {"env -i": "exit 255", "launchctl print": "exit 113"}),
     ]
     with Machine() as machine:
         machine.offer("2.5")
