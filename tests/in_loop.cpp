@@ -1,13 +1,11 @@
 // Runs the launcher's OnInit inside a running event loop, where wxExit returns: Exit() only logs, so the deferred call
-// must end the loop. It also logs what OnInit has not prepared. SIGUSR1 ends the loop too, SIGUSR2 calls exit(7) from
-// inside it, and SIGHUP takes all memory for longer texts from the other threads. With an argument g_dlg has a login
-// window, which logs that it is to close, and the slot has a thread, which must be joined first. Sleeps take no time.
-// After everything else has been torn down, the process goes on while somebody else locks /tmp/held: what the
-// supervision thread uses must still be there.
+// must end the loop. It also logs what OnInit has not prepared. SIGUSR1 ends the loop too, and SIGUSR2 calls exit(7)
+// from inside it. With an argument g_dlg has a login window, which logs that it is to close, and the slot has a thread,
+// which must be joined first. Sleeps take no time. After everything else has been torn down, the process goes on while
+// somebody else locks /tmp/held: what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,9 +13,7 @@
 #include <glib-unix.h>
 #include <gtk/gtk.h>
 #include <iostream>
-#include <new>
 #include <sys/file.h>
-#include <unistd.h>
 #include <wx/app.h>
 #include <wx/image.h>
 
@@ -36,14 +32,6 @@ gboolean end(void *byExit) {
     return G_SOURCE_REMOVE;
 }
 
-std::atomic<bool> noMemory = false;
-
-gboolean takeMemory(void *) {
-    noMemory = true;
-    std::fputs("no memory\n", stderr);
-    return G_SOURCE_REMOVE;
-}
-
 wxApp *launcher = nullptr;
 
 class LoopApp : public wxApp {
@@ -57,7 +45,6 @@ class LoopApp : public wxApp {
         }
         g_unix_signal_add(SIGUSR1, end, nullptr);
         g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
-        g_unix_signal_add(SIGHUP, takeMemory, nullptr);
         g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
         CallAfter([] {
             launcher->OnInit();
@@ -79,20 +66,6 @@ class LoopApp : public wxApp {
 // In the place of the C library's.
 extern "C" int nanosleep(const timespec *, timespec *) {
     return 0;
-}
-
-void *operator new(std::size_t size) {
-    void *memory = noMemory && size > 30 && gettid() != getpid() ? nullptr : std::malloc(size);
-    return memory ? memory : throw std::bad_alloc();
-}
-
-// Out of line: the compiler would take the pair of new and free for a mistake.
-[[gnu::noinline]] void operator delete(void *memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void *memory, std::size_t) noexcept {
-    operator delete(memory);
 }
 
 int main(int argc, char **argv) {

@@ -174,20 +174,6 @@ def test_outdated_launcher_ends_itself():
         assert machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] * 2 and not AGENT.exists()
 
 
-def test_supervision_ends_when_an_update_runs_out_of_memory():
-    with Machine() as machine:
-        shutil.copy("/build/tests/in_loop", machine.launcher_path)
-        machine.offer("2.5")
-        launcher = machine.launch()
-        machine.service.wait_for("KR_CAP", 3)
-        launcher.send_signal(signal.SIGHUP)
-        until(lambda: "no memory" in launcher.output.read_text(errors="replace"), "no memory is left")
-        machine.offer("2.6")
-        names = pathlib.Path(f"/proc/{launcher.pid}/task")
-        until(lambda: [name.read_text() for name in names.glob("*/comm")].count("Korvane\n") == 1, "one thread is left")
-        assert launcher.poll() is None and "download" not in machine.service.order()
-
-
 def end_while(how, thread):
     """Nothing waits for the thread, and all that it uses is still there when all else has been torn down."""
     number, status = {"of_the_loop": (signal.SIGUSR1, 0), "by_exit": (signal.SIGUSR2, 7)}[how]

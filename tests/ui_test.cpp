@@ -112,55 +112,46 @@ class Window : public testing::Test {
     wxUIActionSimulator mouse;
 };
 
-using Item = std::tuple<int, int, int, std::string>; // proportion, flags, border, what it is
-
-std::string describe(const wxWindow *control) {
-    const wxFont font = control->GetFont();
-    wxString text = control->GetClassInfo()->GetClassName() + wxString::Format(" '%s'", control->GetLabel());
-    text << " " << control->GetMinSize().x << "x" << control->GetMinSize().y << " " << font.GetPointSize() << " "
-         << font.GetNumericWeight() << " " << control->GetForegroundColour().GetAsString(wxC2S_HTML_SYNTAX)
-         << (control->HasFlag(wxTE_PASSWORD) ? " masked" : "") << (control->HasFlag(wxLI_VERTICAL) ? " upright" : "")
-         << (control->IsEnabled() ? "" : " disabled");
-    return text.ToStdString();
-}
-
-// Appends the sizer's items; behind one that is a sizer itself come those of that one, and its end.
-void list(const wxSizer *sizer, std::vector<Item> &items) {
+// A line for each of the sizer's items: proportion, flags (2000: wxEXPAND; f0: wxALL; 80, 40, 20, 10: bottom, top,
+// right, left), border, what it is. Those of a sizer inside it are indented.
+std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
+    wxString text;
     for (const wxSizerItem *item : sizer->GetChildren()) {
-        const auto *inner = dynamic_cast<const wxBoxSizer *>(item->GetSizer());
-        std::string what = inner ? inner->IsVertical() ? "column" : "row" : describe(item->GetWindow());
-        items.emplace_back(item->GetProportion(), item->GetFlag(), item->GetBorder(), what);
-        if (inner) {
-            list(inner, items);
-            std::get<3>(items.back()) += "; end";
+        text << indent << wxString::Format("%d %x %d ", item->GetProportion(), item->GetFlag(), item->GetBorder());
+        if (const auto *inner = dynamic_cast<const wxBoxSizer *>(item->GetSizer())) {
+            text << (inner->IsVertical() ? "column" : "row") << describe(inner, indent + "  ");
+            continue;
         }
+        const wxWindow *control = item->GetWindow();
+        const wxFont font = control->GetFont();
+        text << control->GetClassInfo()->GetClassName() << wxString::Format(" '%s' ", control->GetLabel())
+             << control->GetMinSize().x << "x" << control->GetMinSize().y << " " << font.GetPointSize() << " "
+             << font.GetNumericWeight() << " " << control->GetForegroundColour().GetAsString(wxC2S_HTML_SYNTAX)
+             << (control->HasFlag(wxTE_PASSWORD) ? " masked" : "")
+             << (control->HasFlag(wxLI_VERTICAL) ? " upright" : "") << (control->IsEnabled() ? "" : " disabled");
     }
+    return text.ToStdString();
 }
 
 TEST_F(Window, IsBuiltAsDesigned) {
     build();
-    std::vector<Item> items;
-    list(window->GetSizer(), items);
-    const std::vector<Item> expected = {
-        {0, wxEXPAND | wxLEFT | wxRIGHT, 0, "wxStaticLine '' -1x-1 10 400 #000000"},
-        {1, wxEXPAND, 0, "row"},
-        {0, wxALL, 0, "wxStaticBitmap '' -1x-1 10 400 #000000"},
-        {0, wxEXPAND | wxTOP | wxBOTTOM, 10, "wxStaticLine '' -1x-1 10 400 #000000 upright"},
-        {1, wxALL, 20, "column"},
-        {0, wxTOP, 20, "wxStaticText 'User Name' -1x-1 10 700 #000000"},
-        {0, wxTOP, 4, "wxTextCtrl '' 240x-1 10 400 #000000"},
-        {0, wxTOP, 15, "wxStaticText 'Password' -1x-1 10 700 #000000"},
-        {0, wxTOP, 4, "wxTextCtrl '' 240x-1 10 400 #000000 masked"},
-        {0, wxTOP, 20, "row"},
-        {0, wxRIGHT, 5, "wxButton 'LogIn' 110x30 10 700 #000000"},
-        {0, 0, 0, "wxButton 'LogOut' 110x30 10 700 #000000 disabled; end"},
-        {0, wxTOP, 6, "row"},
-        {0, wxRIGHT, 5, "wxButton 'Korvane' 110x30 10 700 #000000 disabled"},
-        {0, 0, 0, "wxButton 'Exit' 110x30 10 700 #000000; end"},
-        {0, wxTOP, 8, "wxStaticText '' 230x-1 10 700 #FF0000; end; end"}};
-    EXPECT_EQ(items, expected);
-    EXPECT_TRUE(dynamic_cast<wxBoxSizer *>(window->GetSizer())->IsVertical());
-
+    EXPECT_EQ(describe(window->GetSizer()), R"(
+0 2030 0 wxStaticLine '' -1x-1 10 400 #000000
+1 2000 0 row
+  0 f0 0 wxStaticBitmap '' -1x-1 10 400 #000000
+  0 20c0 10 wxStaticLine '' -1x-1 10 400 #000000 upright
+  1 f0 20 column
+    0 40 20 wxStaticText 'User Name' -1x-1 10 700 #000000
+    0 40 4 wxTextCtrl '' 240x-1 10 400 #000000
+    0 40 15 wxStaticText 'Password' -1x-1 10 700 #000000
+    0 40 4 wxTextCtrl '' 240x-1 10 400 #000000 masked
+    0 40 20 row
+      0 20 5 wxButton 'LogIn' 110x30 10 700 #000000
+      0 0 0 wxButton 'LogOut' 110x30 10 700 #000000 disabled
+    0 40 6 row
+      0 20 5 wxButton 'Korvane' 110x30 10 700 #000000 disabled
+      0 0 0 wxButton 'Exit' 110x30 10 700 #000000
+    0 40 8 wxStaticText '' 230x-1 10 700 #FF0000)");
     g_autofree char *tooltip = gtk_widget_get_tooltip_text(trayIcon());
     EXPECT_STREQ(tooltip, "Korvane");
     for (const Child field : {kUser, kPassword})

@@ -21,6 +21,19 @@
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
+void supervise(int); // KR_Status, with the two below in the place of the probe and the update
+
+bool noCompanion() {
+    return false;
+}
+
+void failingUpdate() {
+    static bool again = false;
+    if (std::exchange(again, true))
+        std::abort();
+    throw std::bad_alloc();
+}
+
 namespace {
 
 const fs::path folder = fs::current_path(); // the user's home, empty but for settings
@@ -99,6 +112,10 @@ TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     }
 }
 
+TEST(System, SupervisionEndsWhenAnUpdateThrows) {
+    supervise(1);
+}
+
 TEST(System, FlagThatCannotBeReadToTheLinesEndIsNone) {
     write(folder / "alice_ManualExit.txt", std::string(5000, '1'));
     EXPECT_EQ(readExitCheck().size(), 5000u);
@@ -156,7 +173,11 @@ TEST(System, IdleTimeIsTheDisplays) {
 
 } // namespace
 
-// In the place of the C library's.
+// In the place of the C library's. Whole seconds take no time.
+extern "C" int nanosleep(const timespec *time, timespec *) {
+    return time->tv_sec > 0 ? 0 : clock_nanosleep(CLOCK_MONOTONIC, 0, time, nullptr);
+}
+
 extern "C" ssize_t read(int descriptor, void *buffer, std::size_t size) {
     if (readsLeft < 0 || readsLeft-- > 0)
         return syscall(SYS_read, descriptor, buffer, size);
