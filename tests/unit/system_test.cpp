@@ -84,11 +84,13 @@ TEST(System, FlagOfTheUserEndsTheMainLoopOnItsOwnThread) {
     } app;
     const fs::path flag = folder / "alice_ManualExit.txt";
     filepath = folder.string() + "/";
-    write(flag, "1\nmore");
+    write(folder / "elsewhere", "1\nmore");
+    fs::create_symlink(folder / "elsewhere", flag);
     EXPECT_EQ(readExitCheck(), "1");
     EXPECT_EQ(uname_windows, "alice");
     KR_Status(1);
-    EXPECT_FALSE(app.asked || fs::exists(flag));
+    EXPECT_FALSE(app.asked || fs::is_symlink(flag));
+    EXPECT_TRUE(fs::exists(folder / "elsewhere")) << "only the link is deleted";
     app.ProcessPendingEvents();
     EXPECT_TRUE(app.asked);
     wxAppConsole::SetInstance(nullptr); // in a process that is ending
