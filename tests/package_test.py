@@ -14,9 +14,9 @@ AGAIN, END = "something has been started meanwhile\n", "nothing of alice's runs 
 BOTH = ["KR", "Korvane"]
 
 
-def install(mac, version, expected, **how):
+def install(mac, version, *expected, **how):
     said = mac.run("preinstall", **how)
-    assert said == expected and not running() and not mac.flag.exists(), (said, running())
+    assert said in expected and not running() and not mac.flag.exists(), (said, running())
     asked = len(mac.service.requests)
     AGENT.unlink(missing_ok=True)
     mac.copy(version)
@@ -29,7 +29,7 @@ def install(mac, version, expected, **how):
 
 
 def test_package_waits_for_an_update_and_goes_back():
-    """The update's pkill matches the script, and its companion deletes the flag."""
+    """The update's pkill matches the script, and its companion ends or deletes the flag."""
 
     def flag_first(handler, content):
         handler.service.faults.clear()
@@ -40,7 +40,7 @@ def test_package_waits_for_an_update_and_goes_back():
         mac.service.faults["version"] = flag_first
         mac.open("Korvane.app")
         mac.service.wait_for("KR_CAP")
-        install(mac, "2.7", FLAG + KR + END)
+        install(mac, "2.7", FLAG + KR + END, FLAG + END)
         install(mac, "2.4", FLAG + KR + END)
 
 
