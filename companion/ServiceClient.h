@@ -1,7 +1,7 @@
 // Requests to the vendor's web service, over HTTPS: an application's current version, and its executable.
 //
 // Each request blocks the calling thread and uses a libcurl easy handle of its own. libcurl's trace goes to standard
-// error. No request throws, and none is retried.
+// error. No request throws, and the launcher repeats none.
 #pragma once
 
 #include "companion/AppVersion.h"
@@ -13,16 +13,17 @@
 AppVersion parseServiceAnswer(const std::string &answer);
 
 // Asks for the current version of the application with this code ("KR_CAP" or "Korvane_CAP") and reads the answer,
-// whatever the HTTP status. Returns the all-zero version when the request fails in any way. Limits: 30 s in all, 15 s
-// of them to resolve the host's name and connect, and 64 KiB of answer. The size is looked at between libcurl's steps;
-// a step that undoes a transfer coding can make far more of an answer than that.
+// whatever the HTTP status. Returns the all-zero version when the request fails in any way. The request may take
+// 30 s, of which 15 s to resolve the host's name and connect, and the answer may have 64 KiB. Its size is checked only
+// between libcurl's steps: one that undoes a transfer coding can take far more memory than that.
 AppVersion getServiceVersion(const std::string &applicationCode);
 
 // Downloads the file of this name over the file at target (a full path). If the request ends without an error, with
 // status 200, at least one byte and no coding but chunks, the target then holds exactly the bytes received and has mode
 // 0755. Otherwise the target is left as it was. No request is made when the target cannot be replaced (see StagedFile).
 // Gives up when resolving the host's name and connecting take more than 15 s, or when less than 1 KiB/s arrives for
-// 30 s; there is no limit on the total. An answer with neither a length nor chunks is taken as whole wherever it ends.
+// 30 s; above that a download may take any time. An answer with neither a length nor chunks is taken as whole wherever
+// it ends.
 void downloadSetup(const std::string &fileName, const std::string &target);
 
 // The version request's write callback (CURLOPT_WRITEFUNCTION(3)): appends the size * count bytes at data to *answer

@@ -50,8 +50,8 @@ void RemoveTrayIcon();
 } // namespace Platform
 
 // Returns the absolute, resolved path of the running executable; its unresolved path when resolving fails; an empty
-// string when the system does not tell it. Each call replaces the content of "/tmp/korvane_debug.txt" with the path
-// trace, or silently writes none when that is not a regular file that may be written.
+// string when the system does not give it. Each call replaces the content of "/tmp/korvane_debug.txt" with the path
+// trace, or silently writes none when that is not a regular file with one name that may be written.
 std::string getExecutablePath();
 
 // Returns the folder that holds the bundle of the executable at this path: the path's fourth parent, without a "/" at

@@ -6,6 +6,6 @@
 // a companion that may be running is not replaced.
 bool KR_TitleCheck();
 
-// Asks the companion to end, with Platform::CloseExternalApp, which searches whole command lines for its name. Waits
-// for the command, not for the companion.
+// Asks the companion to end with Platform::CloseExternalApp, which also ends whatever else has the companion's name
+// anywhere in its command line. Waits for the command, not for the companion.
 void CloseKR();
