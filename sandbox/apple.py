@@ -1,6 +1,6 @@
-"""Stand-ins for what only a Mac has: Apple's tools, and a build with them, for what the vendor's engineers run.
+"""Stand-ins for Apple's tools, and for a build with them, to run on Linux what the vendor's engineers run on a Mac.
 
-Each call does what TOOLS says, a shell command; a call that is not listed fails.
+A call of a tool runs the shell command that TOOLS holds for it; a call that is not listed fails.
 """
 
 import os

@@ -1,6 +1,6 @@
 """Installer, as the package's scripts see it.
 
-Something newer than every version is offered, and another user has a launcher and a companion too.
+The service offers a companion newer than every marker. Another user has a launcher and a companion too.
 """
 
 import shutil
@@ -21,7 +21,7 @@ def running(uid=UID):
 
 
 class Mac(Machine):
-    """What the scripts end and start is nobody's child here, as on a Mac: pgrep would see a zombie."""
+    """Use open() for what the scripts end, so that it is nobody's child here, as on a Mac: pgrep would see a zombie."""
 
     def __init__(self):
         super().__init__(HOUSE / "Applications")

@@ -8,8 +8,8 @@ SERVERS = "".join(f"nameserver {address}\n" for address in ADDRESSES)
 
 
 class SilentNameServers:
-    """Three of them, which the system's resolver asks one after the other, twice; then again, for each name in a search
-    domain: for almost a minute. It works for processes that start afterwards."""
+    """Three of them. The system's resolver asks them in turn, twice, and then again for the name in the search domain:
+    for almost a minute. Processes that start afterwards use them."""
 
     def __init__(self):
         self.queries = []

@@ -4,7 +4,7 @@ import pathlib
 import re
 
 STEPS = pathlib.Path("/tmp/steps")
-# As a daemon, so that the launcher is its parent's child; its threads and children too; only the calls that count.
+# -D: the launcher stays its parent's child. -f: threads and children too. --seccomp-bpf: stops only at calls traced.
 STRACE = ["/usr/bin/strace", "-D", "-f", "--seccomp-bpf"]
 QUICKLY = [*STRACE, "-qq", "-y", "-s", "999", "-o", str(STEPS)]
 QUICKLY += ["-e", "inject=clock_nanosleep:retval=0"]

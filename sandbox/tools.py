@@ -13,7 +13,7 @@ def replace(name, body):
 
 
 def install():
-    """Begins with those that the launcher calls, doing what they do, and with no call."""
+    """Puts in the tools that the launcher calls, working as ever, and forgets all calls."""
     PATH.mkdir(parents=True, exist_ok=True)
     for name in ("open", "pgrep", "pkill"):
         replace(name, f'exec /source/compat/bin/{name} "$@"')
