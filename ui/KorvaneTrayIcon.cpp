@@ -3,8 +3,6 @@
 
 #include "ui/LoginDialog.h"
 
-#include <wx/weakref.h>
-
 wxBEGIN_EVENT_TABLE(KorvaneTrayIcon, wxTaskBarIcon)
     EVT_TASKBAR_LEFT_DOWN(KorvaneTrayIcon::OnLeftClick)
 wxEND_EVENT_TABLE()
@@ -17,13 +15,9 @@ KorvaneTrayIcon::KorvaneTrayIcon(LoginDialog *dialog) : wxTaskBarIcon(wxTBI_CUST
 KorvaneTrayIcon::~KorvaneTrayIcon() {}
 
 void KorvaneTrayIcon::OnLeftClick(wxTaskBarIconEvent &) {
-    // Each step sends events, and a handler may destroy the window.
-    const wxWeakRef<LoginDialog> window(m_dialog);
-    window->Show(true);
-    if (window)
-        window->Iconize(false);
-    if (window)
-        window->Raise();
+    m_dialog->Show(true);
+    m_dialog->Iconize(false);
+    m_dialog->Raise();
 }
 
 void KorvaneTrayIcon::OnWindowDestroyed(wxWindowDestroyEvent &event) {
