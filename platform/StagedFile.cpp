@@ -115,8 +115,7 @@ void StagedFile::replaceTarget() {
     if (fstat(descriptor, &received) != 0 || received.st_size == 0 || fchmod(descriptor, 0755) != 0 ||
         !reachStableStorage(descriptor))
         return;
-    if (std::fclose(stream_.release()) != 0)
-        return;
+    stream_.reset(); // whatever close(2) says now: all bytes are on stable storage
     if (!leadsTo(staging_, received) || !mayBeReplaced(target_) || rename(staging_.c_str(), target_.c_str()) != 0)
         return;
     staging_.clear();

@@ -41,11 +41,3 @@ def failing(call, error, command):
     """The command, run so that the first such system call fails."""
     first = f"inject={call}:error={error}:when=1"
     return [*STRACE, "-o", "/dev/null", "-e", f"trace={call}", "-e", first, *command]
-
-
-def fail_from_now_on(call, error, pid):
-    """The command that makes every such system call of a process's main thread fail, and how to tell that it does."""
-    status = pathlib.Path(f"/proc/{pid}/status")
-    command = ["/usr/bin/strace", "-qq", "-o", "/dev/null", "-p", str(pid)]
-    command += ["-e", f"inject={call}:error={error}"]
-    return command, lambda: "TracerPid:\t0\n" not in status.read_text()
