@@ -1,4 +1,4 @@
-"""What the vendor's engineers run and hand out: a release, the installed folder, the check of a service."""
+"""What the vendor's engineers run and hand out: a release, the installed folder, the package, checks of both sides."""
 
 import os
 import pathlib
@@ -10,7 +10,8 @@ import apple
 import service
 import tools
 from apple import APPLICATION, INSTALLER, KEG, PACKAGE, TEAM, TOOLKIT, TOOLS
-from machine import AS_ALICE, Machine
+from installer import AGENT, BOB, HOUSE, Mac, running
+from machine import AS_ALICE, AS_ROOT, HOME, UID, Machine, companion_program, end, until
 
 PROJECT = pathlib.Path("/tmp/a folder/korvane")
 IDENTITIES = ["--application", APPLICATION, "--installer", INSTALLER, "--notary-profile", "vendor"]
@@ -118,12 +119,6 @@ def test_installed_folder_can_be_sealed():
     assert status and "runtime" not in " ".join(calls), calls
 
 
-def test_mac_needs_wxwidgets_3_3():
-    command = "OBJCXX=/usr/bin/g++ cmake -B /tmp/mac /source -DCMAKE_SYSTEM_NAME=Darwin -DCMAKE_INSTALL_NAME_TOOL=true"
-    done = subprocess.run(command, shell=True, stderr=subprocess.PIPE)
-    assert b'least "3.3"' in done.stderr, done
-
-
 def test_check_bundle_starts_and_ends_the_launcher():
     # The process has checked in when it is asked for the second time.
     type_of = """[ -e /tmp/asked ] && type='"BackgroundOnly"' || type='[ NULL ]'; >/tmp/asked"""
@@ -146,8 +141,6 @@ def test_check_bundle_starts_and_ends_the_launcher():
 
 def test_check_service_tells_what_the_launcher_makes_of_it():
     program = bytes.fromhex("cffaedfe0c000001") + b"..."
-    chunk = b"%x\r\n%b\r\n0\r\n\r\n" % (len(program), program)
-    coded = service.fault(lambda to, _, **headers: (to.head(200, None, **headers), to.wfile.write(chunk)))
     table = [
         ([], {}),
         (["expired"] * 3, {"certificate": "expired"}),
@@ -155,9 +148,9 @@ def test_check_service_tells_what_the_launcher_makes_of_it():
         (["no redirect", "read 0.0"] * 2, {"faults": {"version": service.redirect()}}),
         (["no redirect"], {"faults": {"download": service.redirect()}}),
         (["neither a length nor chunks"], {"faults": {"download": service.no_length()}}),
-        ([], {"faults": {"download": coded(**{"Transfer-Encoding": "chunked", "Content-Encoding": "identity"})}}),
-        (["g:gzip"], {"faults": {"download": coded(**{"Transfer-Encoding": "chunked", "Content-Encoding": "gzip"})}}),
-        (["g:identity,chunked"], {"faults": {"download": coded(**{"Transfer-Encoding": "identity, chunked"})}}),
+        ([], {"faults": {"download": service.chunks()}}),
+        (["g:gzip"], {"faults": {"download": service.chunks(coding="gzip")}}),
+        (["g:identity,chunked"], {"faults": {"download": service.chunks(transfer="identity, chunked")}}),
         (["no executable for arm64"], {"payload": b"#!/bin/sh"}),
         (["not signed;"], {"codesign": "echo not signed at all; exit 1"}),
         (["signed ad hoc"], {"codesign": "echo TeamIdentifier=not set"}),
@@ -177,6 +170,93 @@ def test_check_service_tells_what_the_launcher_makes_of_it():
             assert done.returncode == bool(wrong) and len(wrong) == len(expected), (changes, done)
             assert all(text in line for text, line in zip(expected, wrong)), (expected, wrong)
         assert all("User-Agent" not in request.headers for request in machine.service.requests)
+
+
+# The package over what runs: afterwards the user has one launcher and one companion, the new ones.
+FLAG = f"{HOUSE}/Applications/alice_ManualExit.txt tells the launcher to end\n"
+KR, LAUNCHER, KILLED = "sent SIGTERM to KR\n", "sent SIGTERM to Korvane\n", "sent SIGKILL to KR\n"
+AGAIN, END = "something has been started meanwhile\n", "nothing of alice's runs now\n"
+BOTH = ["KR", "Korvane"]
+
+
+def install(mac, version, *expected, **how):
+    said = mac.run("preinstall", **how)
+    assert said in expected and not running() and not mac.flag.exists(), (said, running())
+    asked = len(mac.service.requests)
+    AGENT.unlink(missing_ok=True)
+    mac.copy(version)
+    assert not running() and len(mac.service.requests) == asked
+    mac.run("postinstall", **how)
+    until(AGENT.exists, "start-up is complete")
+    assert mac.service.order()[asked:] == ["KR_CAP", "download", "Korvane_CAP"]
+    until(lambda: running() == BOTH, "exactly one of each")
+    assert running(BOB) == BOTH and not mac.flag.exists() and AGENT.stat().st_uid == UID
+
+
+def test_package_waits_for_an_update_and_goes_back():
+    """The update's pkill matches the script, and its companion ends or deletes the flag."""
+
+    def flag_first(handler, content):
+        handler.service.faults.clear()
+        until(mac.flag.exists, "the flag")
+        handler.send(200, content)
+
+    with Mac() as mac:
+        mac.service.faults["version"] = flag_first
+        mac.open("Korvane.app")
+        mac.service.wait_for("KR_CAP")
+        install(mac, "2.7", FLAG + KR + END, FLAG + END)
+        install(mac, "2.4", FLAG + KR + END)
+
+
+def test_package_ends_what_hangs_and_what_comes_late():
+    """A launcher hangs in an "open -n", which starts a companion once the launcher has ended. That companion ignores
+    SIGTERM, and when it is killed another comes. Here no minute is waited for."""
+    rest = "do /usr/bin/sleep 0.1; done >&2"
+    hang = f"while [ ! -e /tmp/late ] && /usr/bin/pgrep -U 1000 -x Korvane; {rest}; >/tmp/late"
+    come = f">/tmp/again; rm /tmp/deaf; open -n ~/*/KR.app; until [ -e /tmp/deaf ]; {rest}"
+    with Mac() as mac:
+        deaf = b"\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\nopen('/tmp/deaf', 'w')\nVERSION"
+        mac.service.payload = companion_program("9.0").replace(b"\nVERSION", deaf)
+        tools.replace("open", f'case "$*" in -n*KR.app) {hang} ;; esac; exec /source/compat/bin/open "$@"')
+        once = '[ "$1$5" = -KILLKR ] && [ ! -e /tmp/again ] || exit 0'
+        tools.replace("pkill", f'/source/compat/bin/pkill "$@" || exit; {once}; {come}')
+        tools.replace("sleep", f"/usr/bin/sleep 0.1; until [ $1 = 1 ] || [ -e /tmp/deaf ]; {rest}")
+        mac.open("Korvane.app")
+        until(lambda: tools.calls(f"open -n {mac.folder}/KR.app"), "the launcher hangs")
+        install(mac, "2.7", FLAG + LAUNCHER + KR + KILLED + AGAIN + KR + KILLED + END)
+        assert " ".join(tools.calls()).partition("pkill -TERM")[0].count("sleep 1 ") == 60
+
+
+def test_package_goes_over_an_outdated_launcher_as_root():
+    shutil.copytree("/source/packaging", "/root/packaging")
+    os.chmod("/root", 0o700)
+    with Mac() as mac:
+        mac.offer("9.0", launcher="2.6")
+        mac.open("Korvane.app")
+        until(lambda: running() == ["KR"], "the outdated launcher has ended")
+        mac.flag.write_text("1\n")
+        install(mac, "2.7", KR + END, identity=AS_ROOT, folder="/root/packaging", HOME="/root", USER="root")
+
+
+def test_package_in_a_new_account():
+    with Mac() as mac:
+        mac.offer("2.5")
+        tools.replace("launchctl", "exit 113")
+        (HOME / "link").symlink_to(HOUSE)
+        mac.run("postinstall", HOME / "link")
+        written = AGENT.read_bytes()
+        AGENT.unlink()
+        launcher = mac.launch(plistlib.loads(written)["ProgramArguments"][0])
+        until(lambda: AGENT.exists() and AGENT.read_bytes() == written, "the launcher has written the same")
+        end(launcher)
+        tools.replace("launchctl", "")
+        mac.run("postinstall", "/", USER="")
+        mac.service.wait_for("Korvane_CAP", 2)
+        for home in ("/root", "/nowhere", ""):
+            for script in ("preinstall", "postinstall"):
+                assert "nothing done" in mac.run(script, home, AS_ROOT, HOME="")
+        assert running() == BOTH
 
 
 TESTS = {name[5:]: test for name, test in globals().items() if name.startswith("test_")}
