@@ -39,7 +39,7 @@ std::size_t write_data(void *data, std::size_t size, std::size_t count, void *fi
 bool onlyHeader(CURL *handle, const char *name, const char *value) {
     curl_header *header = nullptr;
     const CURLHcode found = curl_easy_header(handle, name, 0, CURLH_HEADER, -1, &header);
-    if (found == CURLHE_MISSING)
+    if (found == CURLHE_MISSING || found == CURLHE_NOHEADERS)
         return true;
     return found == CURLHE_OK && header->amount == 1 && curl_strequal(header->value, value);
 }

@@ -49,7 +49,7 @@ class LoopApp : public wxApp {
         CallAfter([] {
             launcher->OnInit();
             std::fputs(g_threads[0].joinable() ? "supervised\n" : "",
-                       stderr); // at once, beside the thread's own output
+                       stderr); // in one write, which the thread's own output cannot split
         });
         return true;
     }
