@@ -1,4 +1,4 @@
-"""Runs a program as alice on a desktop of its own: X server, window manager (openbox) and tray (tint2).
+"""Runs a program as alice on a desktop of its own: X server, window manager (openbox) and tray (wmsystemtray).
 
     desktop.py PROGRAM [ARGUMENT...]
 
@@ -22,8 +22,6 @@ def main():
     FOLDER.mkdir(parents=True)
     for file in (sys.argv[1], "/source/ui/art/Korvane.bmp", "/source/ui/art/offline.png"):
         shutil.copy(file, FOLDER)
-    tray = FOLDER / "tint2rc"
-    tray.write_text("panel_items = S\npanel_size = 100% 26\n")  # nothing but icons
     machine.own(machine.HOME)
     with machine.Processes() as processes:
         display, _ = processes.start_display()
@@ -39,8 +37,8 @@ def main():
             "stdout": subprocess.DEVNULL,
             "stderr": subprocess.DEVNULL,
         }
-        processes.start(["openbox", "--startup", f"tint2 -c {tray}"], **quiet)
-        look = ["xdotool", "search", "--onlyvisible", "--class", "tint2"]
+        processes.start(["openbox", "--startup", "wmsystemtray"], **quiet)
+        look = ["xdotool", "search", "--onlyvisible", "--class", "wmsystemtray"]
         machine.until(lambda: subprocess.run(look, **quiet).returncode == 0, "the window manager shows the tray")
         command = [FOLDER / pathlib.Path(sys.argv[1]).name, *sys.argv[2:]]
         status = subprocess.run(command, env=environment, cwd=machine.HOME, **machine.AS_ALICE).returncode

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/resource.h>
-#include <thread>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
