@@ -147,7 +147,7 @@ TEST_F(Window, IsBuiltAsDesigned) {
     g_autofree char *tooltip = gtk_widget_get_tooltip_text(trayIcon());
     EXPECT_STREQ(tooltip, "Korvane");
     for (const Child field : {kUser, kPassword})
-        EXPECT_EQ(child(field)->GetBackgroundColour(), *wxWHITE);
+        EXPECT_TRUE(child(field)->UseBgCol() && child(field)->GetBackgroundColour() == *wxWHITE);
     EXPECT_EQ(window->GetBackgroundColour(), wxColour(240, 240, 240));
     EXPECT_EQ(window->GetForegroundColour(), *wxBLACK);
     EXPECT_EQ(window->GetWindowStyle() & ~wxTAB_TRAVERSAL, wxDEFAULT_FRAME_STYLE);
