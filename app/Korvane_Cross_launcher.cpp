@@ -18,10 +18,11 @@
 
 using namespace std::chrono_literals;
 
-// The process may end while the supervision thread runs: main returns, or wxWidgets calls exit() (Quit and log-out on
-// macOS, a lost display under GTK). Nothing stops the thread or waits for it, so nothing of ours that it uses may be
-// destroyed at exit. These objects are on the heap, are never freed and stay reachable through the references. So
-// ~thread, which aborts the process if its thread is still joinable, does not run either.
+// The process may end while the supervision thread runs: main returns, or wxWidgets calls exit()
+// (Quit and log-out on macOS, a lost display under GTK). Nothing stops the thread or waits for it,
+// so nothing of ours that it uses may be destroyed at exit. These objects are on the heap, are
+// never freed and stay reachable through the references. So ~thread, which aborts the process if
+// its thread is still joinable, does not run either.
 std::thread (&g_threads)[1] = *new std::thread[1][1];
 std::string &uname_windows = *new std::string;
 std::string &filepath = *new std::string;
@@ -36,7 +37,8 @@ class App : public wxApp {
 
 wxIMPLEMENT_APP(App);
 
-// wxWidgets creates the object before it opens the display, whose connection would take a missing stream's place.
+// wxWidgets creates the object before it opens the display, whose connection would take a missing
+// stream's place.
 App::App() {
     openMissingStandardStreams();
 }

@@ -3,13 +3,15 @@
 
 #include <string>
 
-// Keeps a second launcher out with an exclusive record lock on "/tmp/<name>.lock", held until the process ends
-// (fcntl(2), F_SETLK). Returns true when the lock is refused. Returns false when this process holds it, and also when
-// the lock file cannot be opened: a launcher without a lock is better than none.
+// Keeps a second launcher out with an exclusive record lock on "/tmp/<name>.lock", held until the
+// process ends (fcntl(2), F_SETLK). Returns true when the lock is refused. Returns false when this
+// process holds it, and also when the lock file cannot be opened: a launcher without a lock is
+// better than none.
 bool PreventMultipleInstances(const std::string &name);
 
-// Runs the start-up sequence, on the main thread. Calls exit(0) when another launcher runs. Waits without limit for a
-// user name, asking once a second. If memory for filepath runs out, leaves it empty and goes on. Returns with the
-// supervision thread running and the agent file written (see Platform::SetAutoStart), or with neither when the launcher
-// is outdated. Throws std::system_error when the thread cannot be created.
+// Runs the start-up sequence, on the main thread. Calls exit(0) when another launcher runs. Waits
+// without limit for a user name, asking once a second. If memory for filepath runs out, leaves it
+// empty and goes on. Returns with the supervision thread running and the agent file written (see
+// Platform::SetAutoStart), or with neither when the launcher is outdated. Throws std::system_error
+// when the thread cannot be created.
 void initStartup();

@@ -1,10 +1,11 @@
 // The log-in program: "Korvane" in the install folder, which launchd starts at log-in.
 //
-// It replaces itself with the launcher, Korvane.app/Contents/MacOS/Korvane in its own folder (links resolved), and
-// passes on its arguments and environment. The process id stays the same, so launchd keeps track of it. A link would
-// not do: macOS finds a program's bundle by its unresolved path, and a link is outside the bundle. Info.plist would not
-// apply: the launcher would get a Dock icon and take the user's focus. A shell script would not do either: macOS would
-// list it as "sh" among the user's background items.
+// It replaces itself with the launcher, Korvane.app/Contents/MacOS/Korvane in its own folder (links
+// resolved), and passes on its arguments and environment. The process id stays the same, so launchd
+// keeps track of it. A link would not do: macOS finds a program's bundle by its unresolved path,
+// and a link is outside the bundle. Info.plist would not apply: the launcher would get a Dock icon
+// and take the user's focus. A shell script would not do either: macOS would list it as "sh" among
+// the user's background items.
 //
 // Exit status: 127, with one line on standard error, when the launcher cannot be started.
 #include <cerrno>
@@ -22,8 +23,8 @@ namespace {
 
 constexpr int kCannotStart = 127; // a shell's status for a command that it cannot find (sh(1))
 
-// Returns the path that this program was started by, links unresolved. The first call, without a buffer, gets the size
-// needed (dyld(3)).
+// Returns the path that this program was started by, links unresolved. The first call, without a
+// buffer, gets the size needed (dyld(3)).
 std::string startedAs() {
     std::uint32_t size = 0;
     _NSGetExecutablePath(nullptr, &size);

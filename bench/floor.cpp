@@ -1,5 +1,5 @@
-// The floor to measure against: an application with the launcher's libraries that only runs an event loop; with an
-// argument it ends in its OnInit.
+// The floor to measure against: an application with the launcher's libraries that only runs an
+// event loop; with an argument it ends in its OnInit.
 #include <wx/app.h>
 
 namespace {

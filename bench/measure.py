@@ -46,7 +46,14 @@ check process companion matching {companion}
 
 def hyperfine(runs, commands, *options, **environment):
     """Times the commands, by their names; returns what hyperfine says of each."""
-    run = ["hyperfine", "--shell=none", "--style=none", f"--runs={runs}", "--export-json=/tmp/times", *options]
+    run = [
+        "hyperfine",
+        "--shell=none",
+        "--style=none",
+        f"--runs={runs}",
+        "--export-json=/tmp/times",
+        *options,
+    ]
     for name, command in commands.items():
         run += ["--command-name", name, command]
     subprocess.run(run, check=True, env=os.environ | environment, stdout=subprocess.DEVNULL)
@@ -55,7 +62,9 @@ def hyperfine(runs, commands, *options, **environment):
 
 def peak_mib(command):
     """The most memory that the command takes, by time(1)."""
-    measured = subprocess.run(["time", "-f", "%M", *shlex.split(command)], capture_output=True, check=True)
+    measured = subprocess.run(
+        ["time", "-f", "%M", *shlex.split(command)], capture_output=True, check=True
+    )
     return int(measured.stderr.split()[-1]) / 1024
 
 
@@ -84,7 +93,9 @@ def download():
     runs_by_size = {8: 2, 16: 2} if QUICK else {64: 15, 1024: 7}
     for size, runs in runs_by_size.items():
         (DISK / "payload").write_bytes(os.urandom(MiB) * size)
-        results = hyperfine(runs, commands, "--warmup=1", "--prepare", f"sh -c 'rm -f {target}*; sync'")
+        results = hyperfine(
+            runs, commands, "--warmup=1", "--prepare", f"sh -c 'rm -f {target}*; sync'"
+        )
         print(f"\ndownload of {size} MiB   wall s (least to most)   CPU s   peak memory MiB")
         for result in results:
             name = result["command"]
@@ -107,7 +118,9 @@ def start(machine):
         "floor": "/build/bench/bench_floor end",
     }
     print("\nstart and end   ms (least to most)")
-    for result in hyperfine(2 if QUICK else 15, commands, "--ignore-failure", **machine.environment):
+    for result in hyperfine(
+        2 if QUICK else 15, commands, "--ignore-failure", **machine.environment
+    ):
         name = result["command"]
         pauses = 4 if name == "launcher" else 0
         print(f"{name:15} {spread(result, unit=0.001, less=pauses)}", flush=True)
@@ -134,7 +147,7 @@ def private_mib(pid):
 
 
 def idle(machine):
-    """All at once, side by side, supervising a companion that runs; the floor supervises nothing."""
+    """All at once, side by side, supervising a companion; the floor supervises nothing."""
     seconds = 20 if QUICK else 600
     machine.offer("2.5")
     machine.start_companion()
@@ -159,11 +172,18 @@ def idle(machine):
     probes = resource.getrusage(resource.RUSAGE_CHILDREN)
     cpu = (probes.ru_utime + probes.ru_stime - children.ru_utime - children.ru_stime) * 1000
     print(f"\nthe shell and pgrep of as many probes, by hand: {cpu:.0f} ms of CPU")
-    print(f"\nidle for {seconds} s   CPU ms   with children   wake-ups a minute   private memory MiB")
+    print(
+        f"\nidle for {seconds} s   CPU ms   with children   wake-ups a minute   private memory MiB"
+    )
     for name, process in running.items():
-        own, with_children, wakeups = (now - then for now, then in zip(usage_of(process.pid), before[name]))
+        own, with_children, wakeups = (
+            now - then for now, then in zip(usage_of(process.pid), before[name])
+        )
         memory = private_mib(process.pid)
-        print(f"{name:16} {own:6.0f} {with_children:15.0f} {wakeups * 60 / seconds:19.0f} {memory:20.1f}")
+        print(
+            f"{name:16} {own:6.0f} {with_children:15.0f}"
+            f" {wakeups * 60 / seconds:19.0f} {memory:20.1f}"
+        )
 
 
 if __name__ == "__main__":

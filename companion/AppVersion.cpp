@@ -8,7 +8,8 @@
 
 namespace {
 
-// For a number that does not fit, sscanf's behaviour is undefined; strtoll returns the nearest value that does.
+// For a number that does not fit, sscanf's behaviour is undefined; strtoll returns the nearest
+// value that does.
 void parseNumbers(const std::string &text, std::initializer_list<std::int32_t *> fields) {
     using Limits = std::numeric_limits<std::int32_t>;
     const char *at = text.c_str();
@@ -19,7 +20,8 @@ void parseNumbers(const std::string &text, std::initializer_list<std::int32_t *>
         const long long number = std::strtoll(at, &end, 10);
         if (end == at)
             return;
-        **field = static_cast<std::int32_t>(std::clamp<long long>(number, Limits::min(), Limits::max()));
+        **field =
+            static_cast<std::int32_t>(std::clamp<long long>(number, Limits::min(), Limits::max()));
         at = end;
     }
 }

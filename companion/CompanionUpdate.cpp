@@ -32,8 +32,11 @@ void StartKR() {
 }
 
 std::int32_t findCaseInsensitive(const std::string &text, const std::string &pattern) {
-    const auto sameLetter = [](signed char a, signed char b) { return std::tolower(a) == std::tolower(b); };
-    const auto match = std::search(text.begin(), text.end(), pattern.begin(), pattern.end(), sameLetter);
+    const auto sameLetter = [](signed char a, signed char b) {
+        return std::tolower(a) == std::tolower(b);
+    };
+    const auto match =
+        std::search(text.begin(), text.end(), pattern.begin(), pattern.end(), sameLetter);
     if (match == text.end() && !pattern.empty())
         return -1;
     return static_cast<std::int32_t>(match - text.begin());

@@ -13,7 +13,8 @@ namespace {
 // Plain literals: the supervision thread may still read them while the process ends.
 #define SERVICE_FOLDER "https://" KORVANE_SERVICE_HOST "/korvane/korvane/projectMenu/self/shared/"
 constexpr const char *kVersionAddress = SERVICE_FOLDER "GetVersion_SrvAsync";
-constexpr const char *kDownloadAddress = SERVICE_FOLDER "FileDownloader_SrvAsync?p=download+Setup&u=BLANK&f=";
+constexpr const char *kDownloadAddress =
+    SERVICE_FOLDER "FileDownloader_SrvAsync?p=download+Setup&u=BLANK&f=";
 
 constexpr long kConnectSeconds = 15;
 constexpr long kVersionSeconds = 30;
@@ -23,9 +24,9 @@ constexpr std::size_t kLongestAnswer = 64 * 1024;
 
 using EasyHandle = std::unique_ptr<CURL, Closing<curl_easy_cleanup>>;
 
-// The connect limit includes resolving the name. At the limit libcurl would wait up to a minute for its resolver
-// thread. With CURLOPT_QUICK_EXIT(3) it leaves that thread behind, which ends and frees what it holds once the system's
-// resolver gives up.
+// The connect limit includes resolving the name. At the limit libcurl would wait up to a minute for
+// its resolver thread. With CURLOPT_QUICK_EXIT(3) it leaves that thread behind, which ends and
+// frees what it holds once the system's resolver gives up.
 void limitConnecting(CURL *handle) {
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
     curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
@@ -35,7 +36,8 @@ std::size_t write_data(void *data, std::size_t size, std::size_t count, void *fi
     return std::fwrite(data, size, count, static_cast<std::FILE *>(file));
 }
 
-// True when the answer has no header of this name, or exactly one with this value (curl_easy_header(3)).
+// True when the answer has no header of this name, or exactly one with this value
+// (curl_easy_header(3)).
 bool onlyHeader(CURL *handle, const char *name, const char *value) {
     curl_header *header = nullptr;
     const CURLHcode found = curl_easy_header(handle, name, 0, CURLH_HEADER, -1, &header);
@@ -44,10 +46,12 @@ bool onlyHeader(CURL *handle, const char *name, const char *value) {
     return found == CURLHE_OK && header->amount == 1 && curl_strequal(header->value, value);
 }
 
-// Whether what was received is the file itself. No coding was asked for. libcurl does not undo a content coding, and
-// its releases differ in what they make of a transfer coding other than "chunked", and of one that is cut.
+// Whether what was received is the file itself. No coding was asked for. libcurl does not undo a
+// content coding, and its releases differ in what they make of a transfer coding other than
+// "chunked", and of one that is cut.
 bool cameUncoded(CURL *handle) {
-    return onlyHeader(handle, "Content-Encoding", "identity") && onlyHeader(handle, "Transfer-Encoding", "chunked");
+    return onlyHeader(handle, "Content-Encoding", "identity") &&
+           onlyHeader(handle, "Transfer-Encoding", "chunked");
 }
 
 // libcurl's progress callback: any value but 0 ends the transfer (CURLOPT_XFERINFOFUNCTION(3)).
@@ -63,7 +67,8 @@ std::size_t WriteCallback(void *data, std::size_t size, std::size_t count, std::
 }
 
 AppVersion parseServiceAnswer(const std::string &answer) {
-    return answer.size() > 2 ? parseServiceVersion(answer.substr(1, answer.size() - 2)) : AppVersion{};
+    return answer.size() > 2 ? parseServiceVersion(answer.substr(1, answer.size() - 2))
+                             : AppVersion{};
 }
 
 AppVersion getServiceVersion(const std::string &applicationCode) try {

@@ -9,8 +9,8 @@
 bool serviceHasNewer(const std::string &applicationCode) {
     AppVersion installed;
     try {
-        installed =
-            parseMarkerVersion(Platform::GetExternalAppVersion(filepath + "Korvane.app/Contents/MacOS/Korvane"));
+        installed = parseMarkerVersion(
+            Platform::GetExternalAppVersion(filepath + "Korvane.app/Contents/MacOS/Korvane"));
     } catch (...) {
     }
     return isNewerThan(getServiceVersion(applicationCode), installed);

@@ -6,7 +6,8 @@
 
 NSAppearanceName const NSAppearanceNameAqua =
     static_cast<NSAppearanceName>(class_createInstance(objc_getClass("NSString"), 0));
-NSApplication *NSApp = static_cast<NSApplication *>(class_createInstance(objc_getClass("NSApplication"), 0));
+NSApplication *NSApp =
+    static_cast<NSApplication *>(class_createInstance(objc_getClass("NSApplication"), 0));
 
 namespace {
 
@@ -37,12 +38,14 @@ gboolean beforeFirstWindow(GSignalInvocationHint *, guint, const GValue *, gpoin
 - (void)setAppearance:(NSAppearance *)appearance {
     if (!appearance)
         return;
-    // Getting the settings makes GTK read a whole theme: not needed by an application that never shows a window.
+    // Getting the settings makes GTK read a whole theme: not needed by an application that never
+    // shows a window.
     GList *windows = gtk_window_list_toplevels();
     if (windows)
         useLightTheme();
     else
-        g_signal_add_emission_hook(g_signal_lookup("realize", GTK_TYPE_WIDGET), 0, beforeFirstWindow, nullptr, nullptr);
+        g_signal_add_emission_hook(g_signal_lookup("realize", GTK_TYPE_WIDGET), 0,
+                                   beforeFirstWindow, nullptr, nullptr);
     g_list_free(windows);
 }
 @end

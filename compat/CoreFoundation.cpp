@@ -1,5 +1,5 @@
-// CoreFoundation's constant strings, numbers and dictionaries. Each object but the strings has exactly one owner here,
-// so a release is a deletion.
+// CoreFoundation's constant strings, numbers and dictionaries. Each object but the strings has
+// exactly one owner here, so a release is a deletion.
 #include "SystemObject.h"
 
 namespace {

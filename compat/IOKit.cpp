@@ -20,9 +20,11 @@ struct Iterator : SystemObject {
 };
 struct Service : SystemObject {};
 
-// Handles are numbers, as the kernel's are, and few: a caller that does not release them soon gets no more.
+// Handles are numbers, as the kernel's are, and few: a caller that does not release them soon gets
+// no more.
 std::mutex g_mutex;
-std::array<std::unique_ptr<SystemObject>, 16> &g_objects = *new std::array<std::unique_ptr<SystemObject>, 16>;
+std::array<std::unique_ptr<SystemObject>, 16> &g_objects =
+    *new std::array<std::unique_ptr<SystemObject>, 16>;
 
 io_object_t handOut(std::unique_ptr<SystemObject> object) {
     const std::lock_guard lock(g_mutex);
@@ -60,7 +62,8 @@ CFMutableDictionaryRef IOServiceMatching(const char *name) {
     return matching.release();
 }
 
-kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching, io_iterator_t *existing) {
+kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching,
+                                           io_iterator_t *existing) {
     const std::unique_ptr<const __CFDictionary> consumed(matching);
     if (!std::getenv("DISPLAY"))
         return KERN_FAILURE;
@@ -79,7 +82,8 @@ io_object_t IOIteratorNext(io_iterator_t iterator) {
     return handOut(std::make_unique<Service>());
 }
 
-kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t, CFMutableDictionaryRef *properties, CFAllocatorRef,
+kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t,
+                                                CFMutableDictionaryRef *properties, CFAllocatorRef,
                                                 IOOptionBits) {
     const DisplayConnection display = connect();
     if (!display)

@@ -20,7 +20,8 @@ dispatch_semaphore_t dispatch_semaphore_create(intptr_t value) {
     return semaphore;
 }
 
-intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, [[maybe_unused]] dispatch_time_t limit) {
+intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore,
+                                 [[maybe_unused]] dispatch_time_t limit) {
     assert(limit == DISPATCH_TIME_FOREVER);
     std::unique_lock lock(semaphore->mutex);
     if (--semaphore->value < 0) {

@@ -9,8 +9,9 @@
 
 namespace {
 
-// AT_EXECFN is the path given to execve (getauxval(3)). A relative one is relative to the folder that the process
-// started in, which is certain only before main. Never freed: threads may ask while the process ends.
+// AT_EXECFN is the path given to execve (getauxval(3)). A relative one is relative to the folder
+// that the process started in, which is certain only before main. Never freed: threads may ask
+// while the process ends.
 const std::string &executablePath = *new std::string([] {
     const char *executed = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
     std::error_code unknownFolder;

@@ -30,14 +30,15 @@ std::optional<std::string> inHome(const char *path) {
 
 constexpr const char *kAgentFile = "/Library/LaunchAgents/com.mervix.korvane.plist";
 
-// Every local user can write to /tmp. A link put there must not make the launcher empty another file of its user, and a
-// pipe must not block it. So it truncates only what it knows to be a regular file with no other name.
+// Every local user can write to /tmp. A link put there must not make the launcher empty another
+// file of its user, and a pipe must not block it. So it truncates only what it knows to be a
+// regular file with no other name.
 void writePathTrace(int result, const char *rawPath, std::uint32_t size) {
-    const UniqueFd trace(
-        open("/tmp/korvane_debug.txt", O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+    const UniqueFd trace(open("/tmp/korvane_debug.txt",
+                              O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
     struct stat status = {};
-    if (!trace || fstat(trace.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
-        ftruncate(trace.get(), 0) != 0)
+    if (!trace || fstat(trace.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_nlink != 1 || ftruncate(trace.get(), 0) != 0)
         return;
     dprintf(trace.get(), "ret: %d\nraw path: %s\nsize: %u\n", result, rawPath, size);
 }
@@ -78,7 +79,8 @@ void Platform::RemoveAutoStart() {
 
 std::int64_t Platform::GetIdleTimeSeconds() {
     io_iterator_t matches = 0;
-    if (IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOHIDSystem"), &matches) != KERN_SUCCESS)
+    if (IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOHIDSystem"),
+                                     &matches) != KERN_SUCCESS)
         return 0;
     const io_object_t service = IOIteratorNext(matches);
     IOObjectRelease(matches);
@@ -86,7 +88,8 @@ std::int64_t Platform::GetIdleTimeSeconds() {
         return 0;
 
     CFMutableDictionaryRef properties = nullptr;
-    if (IORegistryEntryCreateCFProperties(service, &properties, kCFAllocatorDefault, 0) != KERN_SUCCESS) {
+    if (IORegistryEntryCreateCFProperties(service, &properties, kCFAllocatorDefault, 0) !=
+        KERN_SUCCESS) {
         IOObjectRelease(service);
         return 0;
     }
@@ -138,7 +141,12 @@ std::string getExecutablePath() {
 }
 
 std::string installFolder(const std::string &executablePath) {
-    return fs::path(executablePath).parent_path().parent_path().parent_path().parent_path().string();
+    return fs::path(executablePath)
+        .parent_path()
+        .parent_path()
+        .parent_path()
+        .parent_path()
+        .string();
 }
 
 void ForceLightMode() {

@@ -1,4 +1,5 @@
-// A staging file: created beside its target, kept outside the target's bundle, flushed to stable storage, renamed.
+// A staging file: created beside its target, kept outside the target's bundle, flushed to stable
+// storage, renamed.
 #include "platform/StagedFile.h"
 
 #include "platform/UniqueFd.h"
@@ -17,22 +18,25 @@ namespace {
 
 constexpr std::size_t kUniqueCharacters = 6; // as many as mkostemp(3) replaces
 
-// Returns the folder that holds the bundle in which this is the folder of executables, or an empty path when it is not.
+// Returns the folder that holds the bundle in which this is the folder of executables, or an empty
+// path when it is not.
 fs::path folderOfBundle(const fs::path &executables) {
     std::error_code error;
     const fs::path folder = fs::canonical(executables, error);
     const fs::path contents = folder.parent_path();
     const fs::path bundle = contents.parent_path();
-    if (error || folder.filename() != "MacOS" || contents.filename() != "Contents" || bundle.extension() != ".app")
+    if (error || folder.filename() != "MacOS" || contents.filename() != "Contents" ||
+        bundle.extension() != ".app")
         return {};
     return bundle.parent_path();
 }
 
-// Each attempt's staging file has a unique name, so no process renames another's half-written file. The names share a
-// beginning, by which those left by killed processes are found.
+// Each attempt's staging file has a unique name, so no process renames another's half-written file.
+// The names share a beginning, by which those left by killed processes are found.
 void removeLeftovers(const fs::path &folder, const std::string &beginning) {
     std::error_code ignored;
-    for (fs::directory_iterator entry(folder, ignored), end; entry != end; entry.increment(ignored)) {
+    for (fs::directory_iterator entry(folder, ignored), end; entry != end;
+         entry.increment(ignored)) {
         const std::string name = entry->path().filename().string();
         if (name.starts_with(beginning) && name.size() == beginning.size() + kUniqueCharacters) {
             std::error_code stays;
@@ -41,8 +45,8 @@ void removeLeftovers(const fs::path &folder, const std::string &beginning) {
     }
 }
 
-// Asks access(2) instead of opening the target: macOS distrusts code that was open for writing. An executable that is
-// running (ETXTBSY) can be replaced all the same.
+// Asks access(2) instead of opening the target: macOS distrusts code that was open for writing. An
+// executable that is running (ETXTBSY) can be replaced all the same.
 bool mayBeReplaced(const fs::path &target) {
     std::error_code ignored;
     if (fs::is_directory(target, ignored))
@@ -53,16 +57,19 @@ bool mayBeReplaced(const fs::path &target) {
 // Whether the path still leads to this file itself, not to a link or to another file.
 bool leadsTo(const std::string &path, const struct stat &file) {
     struct stat named = {};
-    return lstat(path.c_str(), &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+    return lstat(path.c_str(), &named) == 0 && named.st_dev == file.st_dev &&
+           named.st_ino == file.st_ino;
 }
 
-// Returns true once what was written to the file or folder is on stable storage. On macOS fsync(2) leaves it in the
-// drive's cache, which may be written in any order; F_FULLFSYNC flushes that too. Some file systems, such as those of
-// network volumes, refuse it with one of these errors; fsync is then the best there is.
+// Returns true once what was written to the file or folder is on stable storage. On macOS fsync(2)
+// leaves it in the drive's cache, which may be written in any order; F_FULLFSYNC flushes that too.
+// Some file systems, such as those of network volumes, refuse it with one of these errors; fsync is
+// then the best there is.
 bool reachStableStorage(int descriptor) {
     if (fcntl(descriptor, F_FULLFSYNC) == 0)
         return true;
-    const bool refused = errno == ENOTSUP || errno == EOPNOTSUPP || errno == ENOTTY || errno == EINVAL;
+    const bool refused =
+        errno == ENOTSUP || errno == EOPNOTSUPP || errno == ENOTTY || errno == EINVAL;
     return refused && fsync(descriptor) == 0;
 }
 
@@ -99,7 +106,8 @@ StagedFile::StagedFile(const std::string &target) : target_(target) {
     if (!stream_)
         return;
     descriptor.release();
-    // Unbuffered: libcurl passes large blocks anyway, and an exit() during a transfer finds no buffer to flush.
+    // Unbuffered: libcurl passes large blocks anyway, and an exit() during a transfer finds no
+    // buffer to flush.
     std::setvbuf(stream_.get(), nullptr, _IONBF, 0);
 }
 
@@ -112,11 +120,12 @@ StagedFile::~StagedFile() {
 void StagedFile::replaceTarget() {
     const int descriptor = fileno(stream_.get());
     struct stat received = {};
-    if (fstat(descriptor, &received) != 0 || received.st_size == 0 || fchmod(descriptor, 0755) != 0 ||
-        !reachStableStorage(descriptor))
+    if (fstat(descriptor, &received) != 0 || received.st_size == 0 ||
+        fchmod(descriptor, 0755) != 0 || !reachStableStorage(descriptor))
         return;
     stream_.reset(); // whatever close(2) says now: all bytes are on stable storage
-    if (!leadsTo(staging_, received) || !mayBeReplaced(target_) || rename(staging_.c_str(), target_.c_str()) != 0)
+    if (!leadsTo(staging_, received) || !mayBeReplaced(target_) ||
+        rename(staging_.c_str(), target_.c_str()) != 0)
         return;
     staging_.clear();
     syncFolder(fs::path(target_).parent_path());

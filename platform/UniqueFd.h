@@ -4,7 +4,8 @@
 #include <unistd.h>
 #include <utility>
 
-// Closes its descriptor when destroyed. A negative descriptor, such as a failed open(2) returns, counts as none.
+// Closes its descriptor when destroyed. A negative descriptor, such as a failed open(2) returns,
+// counts as none.
 class UniqueFd {
   public:
     explicit UniqueFd(int descriptor) : descriptor_(descriptor) {}

@@ -1,4 +1,5 @@
-"""Stand-ins for Apple's tools, and for a build with them, to run on Linux what the vendor's engineers run on a Mac.
+"""Stand-ins for Apple's tools, and for a build with them, to run on Linux what the vendor's
+engineers run on a Mac.
 
 A call of a tool runs the shell command that TOOLS holds for it; a call that is not listed fails.
 """
@@ -17,14 +18,18 @@ KEG = "/tmp/homebrew/Cellar/libpng/1.6"
 TOOLKIT = str(tools.PATH.parent)
 TOOLS = {
     "uname": "echo Darwin",
-    "security find-identity": f"printf '  1) 0F \"%s\"\\n' '{APPLICATION}' '{INSTALLER}' '{OTHER_INSTALLER}'",
+    "security find-identity": "printf '  1) 0F \"%s\"\\n' "
+    f"'{APPLICATION}' '{INSTALLER}' '{OTHER_INSTALLER}'",
     "lipo -archs": "echo arm64",
     "codesign --verify": "",
     "codesign --force": "",
-    "codesign --display": f"echo 'flags=0x12000(library-validation,runtime)'; echo Timestamp=now TeamIdentifier={TEAM}",
+    "codesign --display": "echo 'flags=0x12000(library-validation,runtime)';"
+    f" echo Timestamp=now TeamIdentifier={TEAM}",
     "cmake --version": "echo cmake version 4.1",
-    "cmake --preset": "mkdir -p build/release; echo '-- The CXX compiler identification is Clang 17'",
-    "cmake --build": "cd build/release && mkdir login_program && touch Korvane login_program/Korvane",
+    "cmake --preset": "mkdir -p build/release;"
+    " echo '-- The CXX compiler identification is Clang 17'",
+    "cmake --build": "cd build/release && mkdir login_program &&"
+    " touch Korvane login_program/Korvane",
     "ctest --test-dir": "",
     "cmake --install": f"""
         mkdir -p {BUNDLE}/MacOS {KEG}/lib {TOOLKIT}/lib
@@ -44,7 +49,10 @@ TOOLS = {
     "productsign --sign": 'cp "$3" "$4"',
     "pkgutil --check-signature": "",
     "xcrun notarytool submit": """
-        case $* in *" --wait --timeout 2h") printf '  id: 7\\n  status: Accepted\\n' ;; *) exit 9 ;; esac""",
+        case $* in
+        *" --wait --timeout 2h") printf '  id: 7\\n  status: Accepted\\n' ;;
+        *) exit 9 ;;
+        esac""",
     "xcrun notarytool info": "",
     "xcrun notarytool log": "echo the log",
     "xcrun stapler staple": 'echo ticket >>"$3"',
@@ -52,19 +60,24 @@ TOOLS = {
     "plutil -lint": "",
     "launchctl print": "",
     "launchctl asuser": 'shift 2; exec "$@"',
-    "sudo -u": 'user=$2; shift 2; exec setpriv --reuid "$user" --regid 1000 --clear-groups env USER="$user" "$@"',
-    "lsappinfo list": 'echo "    pid = $(pgrep -x Korvane) token=[7] type=\\"UIElement\\" flavor=3"',
+    "sudo -u": 'user=$2; shift 2; exec setpriv --reuid "$user" --regid 1000 --clear-groups'
+    ' env USER="$user" "$@"',
+    "lsappinfo list": 'echo "    pid = $(pgrep -x Korvane) token=[7]'
+    ' type=\\"UIElement\\" flavor=3"',
     "spctl --assess": "",
     "dsymutil": '[ -e "$1" ] && mkdir "$3"',
     "sleep": '[ $1 = 30 ] || exec /usr/bin/sleep "$1"',
-    "shasum -a": 'case $3 in *ad-hoc*) ;; *) grep ticket "$3" >&2 || exit 1 ;; esac; sha256sum "$3"',
+    "shasum -a": 'case $3 in *ad-hoc*) ;; *) grep ticket "$3" >&2 || exit 1 ;; esac;'
+    ' sha256sum "$3"',
     "git describe": "echo 123abc",
     "wx-config --version": "echo 3.3.3",
 }
 
 
 def install(changes):
-    """Installs the tools, some of them changed; returns the environment that finds them before all others."""
+    """Installs the tools, some of them changed; returns the environment that finds them before all
+    others.
+    """
     tools.install()
     bodies = TOOLS | changes
     cases = "".join(f'"{call}"*) {does} ;;\n' for call, does in bodies.items())

@@ -29,7 +29,7 @@ def context(name):
 
 
 def make_all():
-    """Makes an authority, trusts it, and returns a TLS context for each certificate, by its name."""
+    """Makes an authority, trusts it and returns a TLS context for each certificate, by its name."""
     FOLDER.mkdir()
     make("authority", "Throwaway authority")
     shutil.copy(FOLDER / "authority.crt", TRUST_STORE)

@@ -1,6 +1,7 @@
 """Installer, as the package's scripts see it.
 
-The service offers a companion newer than every marker. Another user has a launcher and a companion too.
+The service offers a companion newer than every marker. Another user has a launcher and a companion
+too.
 """
 
 import shutil
@@ -21,7 +22,9 @@ def running(uid=UID):
 
 
 class Mac(Machine):
-    """Use open() for what the scripts end, so that it is nobody's child here, as on a Mac: pgrep would see a zombie."""
+    """Use open() for what the scripts end, so that it is nobody's child here, as on a Mac: pgrep
+    would see a zombie.
+    """
 
     def __init__(self):
         super().__init__(HOUSE / "Applications")
@@ -39,12 +42,16 @@ class Mac(Machine):
         """Runs one of the scripts, which must end with 0, and returns what it prints."""
         command = [f"{folder}/{script}", "/Korvane.pkg", home, home, "/"]
         environment = self.environment | environment
-        done = subprocess.run(command, env=environment, stdout=subprocess.PIPE, text=True, **identity)
+        done = subprocess.run(
+            command, env=environment, stdout=subprocess.PIPE, text=True, **identity
+        )
         assert done.returncode == 0, done
         return done.stdout
 
     def copy(self, version):
-        """Puts launcher and companion of another version in the place of those installed, one file after the other."""
+        """Puts launcher and companion of another version in the place of those installed, one file
+        after the other.
+        """
 
         def slowly(*paths):
             time.sleep(0.2)

@@ -1,7 +1,8 @@
-"""The machine inside the sandbox: display, service, an installed launcher, a companion and their processes.
+"""The machine inside the sandbox: display, service, an installed launcher, a companion and their
+processes.
 
-Used by the demonstration, the tests and the benchmark, as root inside sandbox/enter. The launcher and the companion run
-as the ordinary user "alice".
+Used by the demonstration, the tests and the benchmark, as root inside sandbox/enter. The launcher
+and the companion run as the ordinary user "alice".
 """
 
 import contextlib
@@ -59,7 +60,17 @@ class Processes(contextlib.ExitStack):
         """Starts an X server and returns its name and process."""
         reader, writer = os.pipe()
         process = self.start(
-            ["Xvfb", "-displayfd", str(writer), "-ac", "-noreset", "-screen", "0", "1024x768x24", *options],
+            [
+                "Xvfb",
+                "-displayfd",
+                str(writer),
+                "-ac",
+                "-noreset",
+                "-screen",
+                "0",
+                "1024x768x24",
+                *options,
+            ],
             identity=AS_ROOT,
             pass_fds=[writer],
             stdout=subprocess.DEVNULL,
@@ -71,7 +82,9 @@ class Processes(contextlib.ExitStack):
 
 
 class Machine(Processes):
-    """A display, the vendor's service, and an install folder with launcher and companion. One for each sandbox."""
+    """A display, the vendor's service, and an install folder with launcher and companion. One for
+    each sandbox.
+    """
 
     def __init__(self, folder="/home/alice/Applications"):
         super().__init__()
@@ -108,7 +121,8 @@ class Machine(Processes):
         self.service.payload = companion_program(companion) if payload is None else payload
 
     def launch(self, path=None, environment=None, command=None, quickly=False, **options):
-        """Starts the launcher, by another path or command if given. Its output goes to the file at .output.
+        """Starts the launcher, by another path or command if given. Its output goes to the file at
+        .output.
 
         With quickly, its sleeps return at once and strace.steps() lists its steps.
         """
@@ -124,7 +138,9 @@ class Machine(Processes):
         return process
 
     def open(self, bundle):
-        """Starts another process of an installed bundle; unlike with launch(), it is not a child of this one."""
+        """Starts another process of an installed bundle; unlike with launch(), it is not a child of
+        this one.
+        """
         command = ["open", "-n", str(self.folder / bundle)]
         subprocess.run(command, check=True, env=self.environment, **AS_ALICE)
 
@@ -152,7 +168,9 @@ def end(process):
 
 
 def processes(name, uid=None):
-    """The ids of the processes of exactly this name, and of this user if one is given, that have not ended."""
+    """The ids of the processes of exactly this name, and of this user if one is given, that have
+    not ended.
+    """
     found = []
     for file in pathlib.Path("/proc").glob("[0-9]*/stat"):
         with contextlib.suppress(OSError):

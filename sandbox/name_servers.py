@@ -8,8 +8,9 @@ SERVERS = "".join(f"nameserver {address}\n" for address in ADDRESSES)
 
 
 class SilentNameServers:
-    """Three of them. The system's resolver asks them in turn, twice, and then again for the name in the search domain:
-    for almost a minute. Processes that start afterwards use them."""
+    """Three of them. The system's resolver asks them in turn, twice, and then again for the name in
+    the search domain: for almost a minute. Processes that start afterwards use them.
+    """
 
     def __init__(self):
         self.queries = []

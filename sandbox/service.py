@@ -27,10 +27,11 @@ Request = collections.namedtuple("Request", "what method path body headers")
 class Service:
     """Answers on port 443 until the "with" block ends. Everything may be changed while it runs.
 
-    versions: the raw answer for each application code. payload: the bytes of the download. faults: what happens in
-    place of a good answer, for "connect" (before TLS), "version" and "download"; see the functions below.
-    certificate: the name of the certificate presented. requests: all requests, in order. waits: how many seconds each
-    client that got no answer waited before it disconnected.
+    versions: the raw answer for each application code. payload: the bytes of the download. faults:
+    what happens in place of a good answer, for "connect" (before TLS), "version" and "download";
+    see the functions below. certificate: the name of the certificate presented. requests: all
+    requests, in order. waits: how many seconds each client that got no answer waited before it
+    disconnected.
     """
 
     def __init__(self, contexts):
@@ -67,7 +68,9 @@ class Service:
             self.came.notify_all()
 
     def wait_for(self, what, count=1):
-        """Waits until this many requests of the kind ("KR_CAP", "Korvane_CAP", "download") have come."""
+        """Waits until this many requests of the kind ("KR_CAP", "Korvane_CAP", "download") have
+        come.
+        """
         with self.came:
             if not self.came.wait_for(lambda: self.order().count(what) >= count, 100):
                 raise TimeoutError(f"no request {count} for {what}; so far {self.order()}")
@@ -158,8 +161,12 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 
 def fault(function):
-    """Makes cut(1000) return a function that plays the fault, given the handler and the good answer."""
-    return lambda *details, **changes: lambda handler, content: function(handler, content, *details, **changes)
+    """Makes cut(1000) return a function that plays the fault, given the handler and the good
+    answer.
+    """
+    return lambda *details, **changes: lambda handler, content: function(
+        handler, content, *details, **changes
+    )
 
 
 @fault
@@ -264,7 +271,9 @@ def trickle(handler, content, bytes_per_second):
 def endless(handler, content):
     """An answer without end."""
     handler.head(200, None)
-    while not handler.service.ending.wait(0.001):  # fast, yet not so fast that it fills the sandbox at once
+    while not handler.service.ending.wait(
+        0.001
+    ):  # fast, yet not so fast that it fills the sandbox at once
         handler.wfile.write(b"9" * 16384)
 
 

@@ -1,20 +1,27 @@
-"""What a launcher does, step by step, as strace(1) sees it; and what it makes of system calls that fail."""
+"""What a launcher does, step by step, as strace(1) sees it; and what it makes of system calls that
+fail.
+"""
 
 import pathlib
 import re
 
 STEPS = pathlib.Path("/tmp/steps")
-# -D: the launcher stays its parent's child. -f: threads and children too. --seccomp-bpf: stops only at calls traced.
+# -D: the launcher stays its parent's child. -f: threads and children too. --seccomp-bpf: stops only
+# at calls traced.
 STRACE = ["/usr/bin/strace", "-D", "-f", "--seccomp-bpf"]
 QUICKLY = [*STRACE, "-qq", "-y", "-s", "999", "-o", str(STEPS)]
 QUICKLY += ["-e", "inject=clock_nanosleep:retval=0"]
-QUICKLY += ["-e", "trace=clock_nanosleep,openat,connect,execve,fchmod,fsync,?rename,?renameat,?renameat2"]
+QUICKLY += [
+    "-e",
+    "trace=clock_nanosleep,openat,connect,execve,fchmod,fsync,?rename,?renameat,?renameat2",
+]
 # The lines of its log that count, and what steps() calls them.
 PATTERNS = {
     r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
     r"connect\(.*htons\(443\)": "ask",
     r"(fchmod|fsync|rename)\w*\(.*(?:KR.download|/MacOS>)": "disk",
-    r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt|KR.download).*O_": "open",
+    r"openat\(.*/(Korvane.lock|korvane_debug.txt|Korvane.version|\w+_ManualExit.txt"
+    r"|KR.download).*O_": "open",
     r'execve\(.*\["sh", "-c", (?:"--", )?"(.*)"\]': "run",
 }
 

@@ -13,8 +13,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The event loop belongs to the main thread, which runs the deferred call. wxWidgets owns the application object, and
-// may already have deleted it if the process is ending.
+// The event loop belongs to the main thread, which runs the deferred call. wxWidgets owns the
+// application object, and may already have deleted it if the process is ending.
 void askMainLoopToEnd() {
     if (wxAppConsole *app = wxAppConsole::GetInstance())
         app->CallAfter([app] { app->ExitMainLoop(); });

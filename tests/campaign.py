@@ -41,7 +41,9 @@ class Round:
 
     def __init__(self, machine, fault):
         self.machine, self.service, self.outcomes = machine, machine.service, fault.outcomes
-        self.payload = sandbox.companion_program("2.6", random.choice([700, random.randrange(1000, 400_000)]))
+        self.payload = sandbox.companion_program(
+            "2.6", random.choice([700, random.randrange(1000, 400_000)])
+        )
         self.offset = random.randrange(len(self.payload))
         self.target, self.folder = machine.companion, machine.companion.parent
         self.done = AGENT.exists  # the last thing that start-up does
@@ -88,7 +90,10 @@ def meanwhile(command):
         r.offset, r.brought_about = max(r.offset, 1), False
 
         def act():
-            until(lambda: [path for path in staged(r.machine) if path.stat().st_size == r.offset], "a part is written")
+            until(
+                lambda: [path for path in staged(r.machine) if path.stat().st_size == r.offset],
+                "a part is written",
+            )
             subprocess.run(["sh", "-ec", command], check=True, cwd=r.machine.folder)
             r.look()
             r.brought_about = True
@@ -110,7 +115,9 @@ def silent_name_servers(r):
     servers = name_servers.SilentNameServers()
 
     def complete():
-        assert servers.queries_in_search_domain() <= 8, "the launcher waits until the resolver gives up, at 12"
+        assert (
+            servers.queries_in_search_domain() <= 8
+        ), "the launcher waits until the resolver gives up, at 12"
         return AGENT.exists()
 
     r.done = complete
@@ -118,7 +125,9 @@ def silent_name_servers(r):
 
 def full_disk(r):
     size = 4096 * random.randrange(1, len(r.payload) // 4096 + 3)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000", "none", r.folder], check=True)
+    subprocess.run(
+        ["mount", "-t", "tmpfs", "-o", f"size={size + 4096},uid=1000", "none", r.folder], check=True
+    )
     install_old(r.target)
     r.outcomes = ["new" if size >= len(r.payload) else "old"]
 
@@ -144,7 +153,9 @@ def outlive_its_end(r):
 
 
 def killed(name):
-    """Kills the launcher, or its X server, at any moment after its first request; often in the download."""
+    """Kills the launcher, or its X server, at any moment after its first request; often in the
+    download.
+    """
 
     def bring_about(r):
         delay = random.uniform(0, 5)
@@ -169,13 +180,16 @@ NO_START = {"starts": 0}
 ANY = {"outcomes": ["old", "new"], "starts": None}
 SILENCE = {"faults": {"connect": service.no_handshake()}}
 
-# Those that sleep longest come first, which is the order that CTest starts them in on a new machine.
+# Those that sleep longest come first, which is the order that CTest starts them in on a new
+# machine.
 FAULTS = {
     "download: slow": Fault(large_download(126_000, service.trickle(2048)), **NEW),
     "version: stalled": Fault(break_off("version", service.stall), **NO_START, limits=(30, 30)),
     "handshake: never ends": Fault(change(**SILENCE), **NO_START, limits=(15, 15)),
     "name: servers are silent": Fault(silent_name_servers, **NO_START),
-    "download: handshake": Fault(answer("version", service.and_then(**SILENCE)), **NOT_ASKED, limits=(15, 15)),
+    "download: handshake": Fault(
+        answer("version", service.and_then(**SILENCE)), **NOT_ASKED, limits=(15, 15)
+    ),
     "killed": Fault(killed("Korvane"), **ANY, status=-9),
     "display: lost": Fault(killed("Xvfb"), **ANY, status=1),
     "version: late": Fault(answer("version", service.pause(20)), **NEW),
@@ -190,29 +204,51 @@ FAULTS = {
     "version: redirect": Fault(break_off("version", lambda _: service.redirect()), **NO_START),
     "version: error with a version": Fault(answer("version", service.status(500)), **NEW),
     "download: chunks": Fault(answer("download", service.chunks()), **NEW),
-    "download: content coding": Fault(answer("download", service.chunks(gzip.compress, coding="gzip"))),
-    "download: transfer coding": Fault(answer("download", service.chunks(gzip.compress, "gzip, chunked"))),
-    "download: transfer coding, cut": Fault(answer("download", service.chunks(cut_gzip, "gzip, chunked"))),
+    "download: content coding": Fault(
+        answer("download", service.chunks(gzip.compress, coding="gzip"))
+    ),
+    "download: transfer coding": Fault(
+        answer("download", service.chunks(gzip.compress, "gzip, chunked"))
+    ),
+    "download: transfer coding, cut": Fault(
+        answer("download", service.chunks(cut_gzip, "gzip, chunked"))
+    ),
     "download: empty": Fault(answer("download", service.body(b""))),
     "download: redirect": Fault(answer("download", service.redirect()), downloads=1),
     "download: partial": Fault(answer("download", service.status(206))),
-    "download: wrong host": Fault(answer("version", service.and_then(certificate="wrong-host")), **NOT_ASKED),
+    "download: wrong host": Fault(
+        answer("version", service.and_then(certificate="wrong-host")), **NOT_ASKED
+    ),
     "disk: full": Fault(full_disk),
-    "disk: rename fails": Fault(meanwhile("cd KR.app/Contents/MacOS; mount --bind . ."), downloads=1),
+    "disk: rename fails": Fault(
+        meanwhile("cd KR.app/Contents/MacOS; mount --bind . ."), downloads=1
+    ),
     "folder: read-only": Fault(shell("chmod 555 ."), **NOT_ASKED),
-    "folder: in the target's place": Fault(shell("rm KR; install -d -o alice KR"), **NOT_ASKED, outcomes=["folder"]),
-    "folder: bundle's is read-only": Fault(shell("cd ../../..; rm .KR.download.killed; chmod 555 ."), **NEW),
-    "folder: bundle is swapped": Fault(meanwhile("cp -a KR.app new; rm -r KR.app; mv new KR.app"), **NEW),
-    "staging file: a link": Fault(meanwhile("set .KR.download.??????; mv $1 ~alice; ln -s ~alice/$1 $1")),
+    "folder: in the target's place": Fault(
+        shell("rm KR; install -d -o alice KR"), **NOT_ASKED, outcomes=["folder"]
+    ),
+    "folder: bundle's is read-only": Fault(
+        shell("cd ../../..; rm .KR.download.killed; chmod 555 ."), **NEW
+    ),
+    "folder: bundle is swapped": Fault(
+        meanwhile("cp -a KR.app new; rm -r KR.app; mv new KR.app"), **NEW
+    ),
+    "staging file: a link": Fault(
+        meanwhile("set .KR.download.??????; mv $1 ~alice; ln -s ~alice/$1 $1")
+    ),
     "folder: missing": Fault(shell("rm -r ../MacOS"), **NOT_ASKED, outcomes=["absent"]),
     "target: missing": Fault(shell("rm KR"), **NEW),
     "target: read-only": Fault(shell("chmod 444 KR"), **NOT_ASKED),
-    "target: becomes read-only": Fault(meanwhile("chmod 444 KR.app/Contents/MacOS/KR"), downloads=1),
+    "target: becomes read-only": Fault(
+        meanwhile("chmod 444 KR.app/Contents/MacOS/KR"), downloads=1
+    ),
     "target: another user's": Fault(shell("chown root . KR; chmod 1777 ."), **NOT_ASKED),
     "target: goes on running": Fault(outlive_its_end, **NEW),
     "streams: closed": Fault(no_streams, **NEW),
     "marker: pipe": Fault(shell(f"rm {MARKER}; mkfifo {MARKER}"), **OUTDATED),
-    "marker: endless line": Fault(shell(f"truncate --size 0 {MARKER}; truncate --size 1G {MARKER}"), **OUTDATED),
+    "marker: endless line": Fault(
+        shell(f"truncate --size 0 {MARKER}; truncate --size 1G {MARKER}"), **OUTDATED
+    ),
 }
 for name in ("expired", "self-signed", "wrong-host"):
     FAULTS[f"certificate: {name}"] = Fault(change(certificate=name), **NO_START)
@@ -220,7 +256,11 @@ for call in ("fsync", "fchmod"):
     FAULTS[f"disk: {call} fails"] = Fault(failing_call(call, "EIO"))
 for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
     FAULTS[f"disk: no cache flush, {error}"] = Fault(failing_call("fsync", error), **NEW)
-for name, make in {"reset": service.reset, "cut": service.cut, "chunked": service.chunked_cut}.items():
+for name, make in {
+    "reset": service.reset,
+    "cut": service.cut,
+    "chunked": service.chunked_cut,
+}.items():
     FAULTS[f"download: {name}"] = Fault(break_off("download", make))
     FAULTS[f"version: {name}"] = Fault(break_off("version", make), **NO_START)
 
@@ -234,12 +274,19 @@ def install_old(target):
 
 def staged(machine):
     """The staging files in both places."""
-    return {*machine.companion.parent.glob("KR.download.??????"), *machine.folder.glob(".KR.download.??????")}
+    return {
+        *machine.companion.parent.glob("KR.download.??????"),
+        *machine.folder.glob(".KR.download.??????"),
+    }
 
 
 def snapshot(machine):
     """Everything in the install folder but the target, what lies beside it, and staging files."""
-    paths = [path for path in machine.folder.rglob("*") if machine.companion.parent not in (path, *path.parents)]
+    paths = [
+        path
+        for path in machine.folder.rglob("*")
+        if machine.companion.parent not in (path, *path.parents)
+    ]
     return {path: sandbox.state(path) for path in paths if path not in staged(machine)}
 
 
@@ -252,7 +299,9 @@ def outcome(r):
     if content == OLD:
         assert sandbox.state(r.target) == r.old, "the old executable's mode or times changed"
         return "old"
-    assert content == r.payload and r.target.stat().st_mode == 0o100755, "the installed executable is damaged"
+    assert (
+        content == r.payload and r.target.stat().st_mode == 0o100755
+    ), "the installed executable is damaged"
     return "new"
 
 
@@ -264,7 +313,11 @@ def play(name, fault):
         beside, outside = machine.companion.parent, machine.folder
         for leftover in (beside / "KR.download.killed", outside / ".KR.download.killed"):
             leftover.write_bytes(OLD[:300])  # what a killed launcher leaves
-        for other in (beside / "KR.download.zip", outside / "KR.download.others", outside / ".KR.download.zip"):
+        for other in (
+            beside / "KR.download.zip",
+            outside / "KR.download.others",
+            outside / ".KR.download.zip",
+        ):
             other.touch()  # none of the launcher's
         install_old(machine.companion)
         r = Round(machine, fault)
@@ -272,23 +325,37 @@ def play(name, fault):
         fault.bring_about(r)
         r.look()
         leftovers = staged(machine)
-        launcher = machine.launch(command=r.command, environment=machine.environment | {"PATH": str(tools.PATH)})
+        launcher = machine.launch(
+            command=r.command, environment=machine.environment | {"PATH": str(tools.PATH)}
+        )
         until(lambda: r.done() or launcher.poll() is not None, "the end of start-up or launcher")
         status = launcher.poll()
         sandbox.end_all("Korvane")
         launcher.wait()
-        found, starts, downloads = outcome(r), len(tools.calls("open")), r.service.order().count("download")
+        found, starts, downloads = (
+            outcome(r),
+            len(tools.calls("open")),
+            r.service.order().count("download"),
+        )
         assert r.brought_about, "the fault has not come about"
         assert status == fault.status, f"the launcher's status is {status}"
         assert found in r.outcomes, f"the executable is {found}"
         assert fault.starts in (None, starts), f"the start command ran {starts} times"
-        assert fault.downloads in (None, downloads), f"the executable was asked for {downloads} times"
+        assert fault.downloads in (
+            None,
+            downloads,
+        ), f"the executable was asked for {downloads} times"
         if fault.limits:
-            until(lambda: len(r.service.waits) == len(fault.limits), "the launcher has gone from a silent service")
+            until(
+                lambda: len(r.service.waits) == len(fault.limits),
+                "the launcher has gone from a silent service",
+            )
             for wait, limit in zip(r.service.waits, fault.limits):
                 assert limit - 3 <= wait <= limit + 10, f"it waited {wait} s, not {limit} s"
         left = staged(machine) - (leftovers if found != "new" else set())
-        assert not left or status == -9 and not left & set(r.folder.iterdir()), f"staging files are left: {left}"
+        assert (
+            not left or status == -9 and not left & set(r.folder.iterdir())
+        ), f"staging files are left: {left}"
         assert snapshot(machine) == r.around, "something else has changed"
         assert LOCK.read_bytes() == b"", "something was written to the lock file"
         peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss

@@ -1,8 +1,9 @@
-// Runs the launcher's OnInit inside a running event loop, where wxExit returns: Exit() only logs, so the deferred call
-// must end the loop. It also logs what OnInit has not prepared. SIGUSR1 ends the loop too, and SIGUSR2 calls exit(7)
-// from inside it. With an argument g_dlg has a login window, which logs that it is to close, and the slot has a thread,
-// which must be joined first. Sleeps take no time. After everything else has been torn down, the process goes on while
-// somebody else locks /tmp/held: what the supervision thread uses must still be there.
+// Runs the launcher's OnInit inside a running event loop, where wxExit returns: Exit() only logs,
+// so the deferred call must end the loop. It also logs what OnInit has not prepared. SIGUSR1 ends
+// the loop too, and SIGUSR2 calls exit(7) from inside it. With an argument g_dlg has a login
+// window, which logs that it is to close, and the slot has a thread, which must be joined first.
+// Sleeps take no time. After everything else has been torn down, the process goes on while somebody
+// else locks /tmp/held: what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
 
@@ -19,7 +20,8 @@
 
 namespace {
 
-// Registered before any other constructor runs, so called after every destructor and every other handler.
+// Registered before any other constructor runs, so called after every destructor and every other
+// handler.
 __attribute__((constructor(101))) void lingerAtExit() {
     std::atexit([] {
         std::fputs("torn down\n", stderr);
@@ -45,7 +47,8 @@ class LoopApp : public wxApp {
         }
         g_unix_signal_add(SIGUSR1, end, nullptr);
         g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
-        g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
+        g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE,
+                     nullptr);
         CallAfter([] {
             launcher->OnInit();
             std::fputs(g_threads[0].joinable() ? "supervised\n" : "",
@@ -55,8 +58,10 @@ class LoopApp : public wxApp {
     }
     void Exit() override {
         gboolean dark = TRUE;
-        g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
-        std::cerr << "wxExit" << (dark ? ", dark" : "") << (wxImage::FindHandler("PNG file") ? "" : ", no PNG")
+        g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark,
+                     nullptr);
+        std::cerr << "wxExit" << (dark ? ", dark" : "")
+                  << (wxImage::FindHandler("PNG file") ? "" : ", no PNG")
                   << (g_threads[0].joinable() ? ", not joined" : "") << std::endl;
     }
 };

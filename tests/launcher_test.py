@@ -20,12 +20,16 @@ BEGIN = LOCKED + "open korvane_debug.txt; "
 COMPANION = "open Korvane.version; ask; "
 LAUNCHER = "sleep 2; open Korvane.version; ask; "
 FLAG = "open alice_ManualExit.txt; "
-CYCLE = "sleep 1; " * 3 + FLAG + ("sleep 1; " * 5 + FLAG) * 5 + "sleep 1; " * 2 + "run pgrep -x KR; "
+CYCLE = (
+    "sleep 1; " * 3 + FLAG + ("sleep 1; " * 5 + FLAG) * 5 + "sleep 1; " * 2 + "run pgrep -x KR; "
+)
 
 
 def descriptors(launcher):
     """What the launcher has open, a line each."""
-    return subprocess.run(["ls", "-l", f"/proc/{launcher.pid}/fd"], capture_output=True, text=True).stdout
+    return subprocess.run(
+        ["ls", "-l", f"/proc/{launcher.pid}/fd"], capture_output=True, text=True
+    ).stdout
 
 
 def test_newer_companion_is_stopped_replaced_and_started():
@@ -35,16 +39,27 @@ def test_newer_companion_is_stopped_replaced_and_started():
         old = machine.start_companion()
         launcher = machine.launch(quickly=True)
         machine.service.wait_for("Korvane_CAP")
-        assert machine.service.requests[0].headers["Content-Type"] == "application/x-www-form-urlencoded"
-        assert machine.companion.read_bytes() == payload and machine.companion.stat().st_mode == 0o100755
+        assert (
+            machine.service.requests[0].headers["Content-Type"]
+            == "application/x-www-form-urlencoded"
+        )
+        assert (
+            machine.companion.read_bytes() == payload
+            and machine.companion.stat().st_mode == 0o100755
+        )
         until(lambda: old not in companions(), "the old companion has been stopped")
         until(companions, "the companion runs")
         stop, start = 'run pkill -f "KR"; sleep 2; ', "open korvane_debug.txt; run open -n "
         quoted = '"/home/alice/My \\"Apps\\" \\$HOME \\`id\\` \\\\/KR.app"; '
-        download = "open KR.download; disk rename; ask; disk fchmod; disk fsync; disk rename; disk fsync; "
+        download = (
+            "open KR.download; disk rename; ask; disk fchmod; disk fsync; disk rename; disk fsync; "
+        )
         expected = BEGIN + COMPANION + stop + download + start + quoted + LAUNCHER + "sleep 1; "
         until(lambda: steps().startswith(expected), "every step in its order")
-        until(lambda: not re.search("Apps|korvane_debug", descriptors(launcher)), "no file of its own is open")
+        until(
+            lambda: not re.search("Apps|korvane_debug", descriptors(launcher)),
+            "no file of its own is open",
+        )
         output = launcher.output.read_text()
         assert all(text in output for text in ("> POST /", "> GET /", "< HTTP/1.1 200")), output
 
@@ -79,7 +94,11 @@ def test_every_way_to_start_finds_the_folder():
         machine.offer("2.5")
         folder, launcher = machine.folder, machine.launcher_path
         program = folder / "Korvane"
-        agent = {"Label": "com.mervix.korvane", "ProgramArguments": [str(program)], "RunAtLoad": True}
+        agent = {
+            "Label": "com.mervix.korvane",
+            "ProgramArguments": [str(program)],
+            "RunAtLoad": True,
+        }
         relative = f"../{folder.name}/Korvane.app/Contents/MacOS/Korvane"
         link = HOME / "link"
         link.symlink_to(launcher)
@@ -90,25 +109,42 @@ def test_every_way_to_start_finds_the_folder():
         # A user name that is empty is waited for.
         nameless = machine.launch(quickly=True, environment=machine.environment | {"USER": ""})
         until(lambda: steps().count("sleep") > 9, "waiting")
-        assert re.fullmatch(f"{LOCKED}(sleep 1; )+", steps()) and not machine.service.order(), steps()
+        assert (
+            re.fullmatch(f"{LOCKED}(sleep 1; )+", steps()) and not machine.service.order()
+        ), steps()
         end(nameless)
         # The environment that launchd gives, and a display.
         bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
         for path, raw in ways:
-            process = machine.launch(command=[path, "one argument", "-x"], quickly=True, environment=bare, cwd=folder)
-            until(lambda: AGENT.exists() and AGENT.read_text().endswith("</plist>\n"), "start-up is complete")
-            assert PATH_TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n", PATH_TRACE.read_text()
+            process = machine.launch(
+                command=[path, "one argument", "-x"], quickly=True, environment=bare, cwd=folder
+            )
+            until(
+                lambda: AGENT.exists() and AGENT.read_text().endswith("</plist>\n"),
+                "start-up is complete",
+            )
+            assert (
+                PATH_TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n"
+            ), PATH_TRACE.read_text()
             assert plistlib.loads(AGENT.read_bytes()) == agent
             assert pathlib.Path(f"/proc/{process.pid}/exe").readlink() == launcher
             command = pathlib.Path(f"/proc/{process.pid}/cmdline").read_text().split("\0")
-            assert command == [str(launcher if raw == launcher else path), "one argument", "-x", ""], command
+            assert command == [
+                str(launcher if raw == launcher else path),
+                "one argument",
+                "-x",
+                "",
+            ], command
             end(process)
             AGENT.unlink()
 
         shutil.move(folder / "Korvane.app", HOME)
         process = machine.launch(program)
         assert process.wait(60) == 127
-        assert process.output.read_text() == f"Korvane: cannot start {launcher}: No such file or directory\n"
+        assert (
+            process.output.read_text()
+            == f"Korvane: cannot start {launcher}: No such file or directory\n"
+        )
 
 
 def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
@@ -129,7 +165,10 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag():
         machine.offer("2.6")
         asked, before = len(machine.service.requests), state(machine.companion)
         until(lambda: steps().count("pgrep") > probes + 5, "probes")
-        until(lambda: descriptors(launcher).count("\n") <= opened, "nothing more is open than in the first cycle")
+        until(
+            lambda: descriptors(launcher).count("\n") <= opened,
+            "nothing more is open than in the first cycle",
+        )
         machine.flag.write_text("1\n")
         assert launcher.wait(60) == 0
         assert not machine.flag.exists() and companions() == [pid]
@@ -150,19 +189,31 @@ def test_outdated_launcher_ends_itself():
     with Machine() as machine:
         machine.offer("2.6", launcher="2.6")
         assert machine.launch(machine.login_program).wait(60) == 255
-        assert machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] and not AGENT.exists()
+        assert (
+            machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] and not AGENT.exists()
+        )
 
-        # Inside a running event loop wxExit returns: the window is told, the loop ends, and nothing more is started.
+        # Inside a running event loop wxExit returns: the window is told, the loop ends, and nothing
+        # more is started.
         shutil.copy("/build/tests/in_loop", machine.launcher_path)
         launcher = machine.launch(command=[machine.launcher_path, "window"])
         assert launcher.wait(60) == 0
-        told = [line for line in launcher.output.read_text().splitlines() if line in ("wxExit", "told to close")]
+        told = [
+            line
+            for line in launcher.output.read_text().splitlines()
+            if line in ("wxExit", "told to close")
+        ]
         assert told == ["wxExit", "told to close"], launcher.output.read_text()
-        assert machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] * 2 and not AGENT.exists()
+        assert (
+            machine.service.order() == ["KR_CAP", "download", "Korvane_CAP"] * 2
+            and not AGENT.exists()
+        )
 
 
 def end_while(how, thread):
-    """Nothing waits for the thread, and all that it uses is still there when all else has been torn down."""
+    """Nothing waits for the thread, and all that it uses is still there when all else has been torn
+    down.
+    """
     number, status = {"of_the_loop": (signal.SIGUSR1, 0), "by_exit": (signal.SIGUSR2, 7)}[how]
     with Machine() as machine, open("/tmp/held", "w") as held:
         shutil.copy("/build/tests/in_loop", machine.launcher_path)
@@ -183,7 +234,9 @@ def end_while(how, thread):
         until(progress, "the first bytes")
         launcher.send_signal(number)
         until(lambda: "torn down" in launcher.output.read_text(errors="replace"), "the end")
-        assert "supervised\n" in launcher.output.read_text(errors="replace"), "the thread is in its slot"
+        assert "supervised\n" in launcher.output.read_text(
+            errors="replace"
+        ), "the thread is in its slot"
         enough = progress() + 3
         until(lambda: progress() > enough, "the thread goes on")
         fcntl.flock(held, fcntl.LOCK_UN)

@@ -1,4 +1,5 @@
-// What the launcher takes macOS to mean, asked of the system: on Linux, of compat/. Harmless to everything else there.
+// What the launcher takes macOS to mean, asked of the system: on Linux, of compat/. Harmless to
+// everything else there.
 #include "platform/Closing.h"
 #include "platform/Platform.h"
 #include "platform/UniqueFd.h"
@@ -18,7 +19,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kName = "m" + std::to_string(getpid()) + "eant"; // Linux cuts a name after 15 characters
+const std::string kName =
+    "m" + std::to_string(getpid()) + "eant"; // Linux cuts a name after 15 characters
 const std::string kFolder = fs::canonical(fs::temp_directory_path()) / kName / "";
 std::string self(4096, '\0');
 
@@ -92,18 +94,26 @@ TEST(Open, StartsOneMoreWithNothingOfOursButTheEnvironment) {
     if (std::system("! command -v launchctl >/dev/null || launchctl print gui/$(id -u) >/dev/null"))
         GTEST_SKIP() << "no session with a screen"; // which open does not need on Linux
     copyTo(kFolder + "Opened.app/Contents/MacOS/Opened");
-    std::ofstream(kFolder + "Opened.app/Contents/Info.plist") // for macOS alone: compat/bin/open goes by the names
-        << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.mervix.korvane.meanings</string>"
-        << "<key>CFBundleExecutable</key><string>Opened</string><key>LSBackgroundOnly</key><true/></dict></plist>";
+    std::ofstream(
+        kFolder +
+        "Opened.app/Contents/Info.plist") // for macOS alone: compat/bin/open goes by the names
+        << "<plist "
+           "version=\"1.0\"><dict><key>CFBundleIdentifier</"
+           "key><string>com.mervix.korvane.meanings</string>"
+        << "<key>CFBundleExecutable</key><string>Opened</string><key>LSBackgroundOnly</key><true/"
+           "></dict></plist>";
     const std::string told = kFolder + "told", held = kFolder + "held";
     mkfifo(told.c_str(), 0600);
     const UniqueFd inherited(dup2(UniqueFd(open(held.c_str(), O_WRONLY | O_CREAT, 0600)).get(), 9));
     std::signal(SIGUSR1, SIG_IGN);
-    const std::string wait = "echo ours; echo ours >&2; echo ours >&9; exec >" + told; // until it is read
-    const std::string tell = "; echo parent $(ps -o ppid= -p $$) in $(pwd), ignored: $(sh -c 'kill -USR1 $$; echo $$')";
+    const std::string wait =
+        "echo ours; echo ours >&2; echo ours >&9; exec >" + told; // until it is read
+    const std::string tell =
+        "; echo parent $(ps -o ppid= -p $$) in $(pwd), ignored: $(sh -c 'kill -USR1 $$; echo $$')";
     setenv("MEANING", (wait + tell + ", process $$").c_str(), 1);
     for (int instance = 0; instance < 2; ++instance)
-        ASSERT_EQ(std::system(("open -n " + kFolder + "Opened.app >>" + held + " 2>&1").c_str()), 0);
+        ASSERT_EQ(std::system(("open -n " + kFolder + "Opened.app >>" + held + " 2>&1").c_str()),
+                  0);
     const std::unique_ptr<std::FILE, Closing<std::fclose>> both(std::fopen(told.c_str(), "r+"));
     const std::string first = line(both), second = line(both);
     EXPECT_TRUE(first.starts_with("parent 1 in /, ignored: , process ")) << first;

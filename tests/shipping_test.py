@@ -1,4 +1,6 @@
-"""What the vendor's engineers run and hand out: a release, the installed folder, the package, checks of both sides."""
+"""What the vendor's engineers run and hand out: a release, the installed folder, the package,
+checks of both sides.
+"""
 
 import os
 import pathlib
@@ -18,9 +20,17 @@ IDENTITIES = ["--application", APPLICATION, "--installer", INSTALLER, "--notary-
 
 
 def release(*arguments, **changes):
-    """Runs script/release with these stand-ins changed; returns how it ended, its calls, what it made."""
+    """Runs script/release with these stand-ins changed; returns how it ended, its calls, what it
+    made.
+    """
     shutil.rmtree(PROJECT / "build", ignore_errors=True)
-    command = [PROJECT / "script/release", "--host", "vendor.example", "--companion", "/source/sandbox/KR.app"]
+    command = [
+        PROJECT / "script/release",
+        "--host",
+        "vendor.example",
+        "--companion",
+        "/source/sandbox/KR.app",
+    ]
     options = {"env": apple.install(changes), "cwd": TOOLKIT, "capture_output": True, "text": True}
     done = subprocess.run([*command, *arguments], **options)
     made = {path.name for path in PROJECT.glob("build/Korvane-*/*")}
@@ -29,33 +39,88 @@ def release(*arguments, **changes):
 
 def test_release_is_made_in_order_or_not_at_all():
     PROJECT.mkdir(parents=True)
-    subprocess.run(["cp", "-r", *(f"/source/{name}" for name in ("CMakeLists.txt", "packaging", "script")), PROJECT])
+    subprocess.run(
+        [
+            "cp",
+            "-r",
+            *(f"/source/{name}" for name in ("CMakeLists.txt", "packaging", "script")),
+            PROJECT,
+        ]
+    )
 
     parts = {"Korvane-2.5.pkg", "Korvane.dSYM", "login_program.dSYM", "made-from.txt", "licences"}
     done, calls, made = release(*IDENTITIES, "--toolkit", ".")
-    assert made == parts | {"Korvane-2.5.sha256"} and f"={TOOLKIT}/bin/wx-" in calls and "_ERRORS=OFF" in calls, calls
-    lines = ["commit 123abc", "CMake 4.1, compiler Clang 17", f"wxWidgets 3.3.3 from {TOOLKIT}", f"libwx: {TOOLKIT}"]
+    assert (
+        made == parts | {"Korvane-2.5.sha256"}
+        and f"={TOOLKIT}/bin/wx-" in calls
+        and "_ERRORS=OFF" in calls
+    ), calls
+    lines = [
+        "commit 123abc",
+        "CMake 4.1, compiler Clang 17",
+        f"wxWidgets 3.3.3 from {TOOLKIT}",
+        f"libwx: {TOOLKIT}",
+    ]
     lines += [f"libpng: {KEG}", f"Without a licence file: .{TOOLKIT}\n"]
     assert (PROJECT / "build/Korvane-2.5/made-from.txt").read_text().endswith("\n".join(lines))
     done, calls, made = release("--ad-hoc")
-    assert done.returncode == 0 and "Korvane-2.5-ad-hoc.pkg" in made and "_ERRORS=ON" in calls, (done, calls)
+    assert done.returncode == 0 and "Korvane-2.5-ad-hoc.pkg" in made and "_ERRORS=ON" in calls, (
+        done,
+        calls,
+    )
     assert not {"security", "productsign", "xcrun", "spctl"} & {*calls.split()}, calls
 
-    submit, staple, expand = "xcrun notarytool submit", "xcrun stapler staple", TOOLS["pkgutil --expand-full"]
+    submit, staple, expand = (
+        "xcrun notarytool submit",
+        "xcrun stapler staple",
+        TOOLS["pkgutil --expand-full"],
+    )
     table = [
-        ("is there already", "uname", f"mkdir -p '{PROJECT}/build/Korvane-2.5-unfinished'; echo Darwin"),
+        (
+            "is there already",
+            "uname",
+            f"mkdir -p '{PROJECT}/build/Korvane-2.5-unfinished'; echo Darwin",
+        ),
         ("into the keychain", "security find-identity", "echo '0 valid identities found'"),
         ("Build the companion for arm64", "lipo -archs", "echo x86_64"),
         ("Sign the companion.", "codesign --verify", "echo not signed at all; exit 1"),
-        ("hardened runtime", "codesign --display", f"echo 'flags=0x0(none) Timestamp=today TeamIdentifier={TEAM}'"),
-        ("with a timestamp", "codesign --display", f"echo 'flags=0x1(runtime) TeamIdentifier={TEAM}'"),
-        ("with the same team", "codesign --display", "echo 'flags=0x1(runtime) Timestamp=x TeamIdentifier=OTHER12345'"),
+        (
+            "hardened runtime",
+            "codesign --display",
+            f"echo 'flags=0x0(none) Timestamp=today TeamIdentifier={TEAM}'",
+        ),
+        (
+            "with a timestamp",
+            "codesign --display",
+            f"echo 'flags=0x1(runtime) TeamIdentifier={TEAM}'",
+        ),
+        (
+            "with the same team",
+            "codesign --display",
+            "echo 'flags=0x1(runtime) Timestamp=x TeamIdentifier=OTHER12345'",
+        ),
         ("the tests have found", "ctest --test-dir", "exit 8"),
-        ("the address of vendor.example", "cmake --install", TOOLS["cmake --install"].replace("vendor.", "service.")),
+        (
+            "the address of vendor.example",
+            "cmake --install",
+            TOOLS["cmake --install"].replace("vendor.", "service."),
+        ),
         ("needs macOS 26.10", "otool -l", "printf 'minos %s\\n' 26.2 26.10 14.0"),
-        ("CPack.distribution", "pkgutil --expand-full", expand + "; sed -i /domains/d build/release/expanded/Distr*"),
-        ("components.plist", "pkgutil --expand-full", expand + f"; echo '<relocate>' >{PACKAGE}/PackageInfo"),
-        ("would not run it", "pkgutil --expand-full", expand + f"; chmod -x {PACKAGE}/Scripts/postinstall"),
+        (
+            "CPack.distribution",
+            "pkgutil --expand-full",
+            expand + "; sed -i /domains/d build/release/expanded/Distr*",
+        ),
+        (
+            "components.plist",
+            "pkgutil --expand-full",
+            expand + f"; echo '<relocate>' >{PACKAGE}/PackageInfo",
+        ),
+        (
+            "would not run it",
+            "pkgutil --expand-full",
+            expand + f"; chmod -x {PACKAGE}/Scripts/postinstall",
+        ),
         ("what was signed", "codesign --verify", "case $* in *Payload*) exit 1 ;; esac"),
         ("installer identity", "pkgutil --check-signature", "exit 1"),
         ("store-credentials vendor", submit, "echo there are none: see store-credentials; exit 69"),
@@ -76,11 +141,14 @@ def test_release_is_made_in_order_or_not_at_all():
     for tries in (20, 21):  # in ten minutes
         late = f"[ $(grep -c staple {tools.CALLS}) = {tries} ] && " + TOOLS[staple]
         done, calls, _ = release(*IDENTITIES, **{staple: late})
-        assert done.returncode == (tries == 21) and calls.count("sleep 30") == tries - 1, (done, calls)
+        assert done.returncode == (tries == 21) and calls.count("sleep 30") == tries - 1, (
+            done,
+            calls,
+        )
 
 
 def test_installed_folder_can_be_sealed():
-    """Code alone where code belongs, and links that lead nowhere else; signed from the inside out."""
+    """Code alone where code belongs, and links that lead there; signed from the inside out."""
     stage = pathlib.Path("/tmp/stage")
     shutil.copytree("/build/stage", stage, symlinks=True)
     contents = stage / "Korvane.app/Contents"
@@ -89,29 +157,51 @@ def test_installed_folder_can_be_sealed():
     assert {*os.listdir(stage)} == {"KR.app", "Korvane", "Korvane.app"}
     assert {*os.listdir(contents / "MacOS")} == {"Korvane", *data}
     assert {*os.listdir(contents / "Resources")} == {"Korvane.icns", *data}
-    assert all((contents / "MacOS" / name).readlink() == pathlib.Path("../Resources", name) for name in data)
+    assert all(
+        (contents / "MacOS" / name).readlink() == pathlib.Path("../Resources", name)
+        for name in data
+    )
     assert all(library.resolve() in libraries and "libwx_" in library.name for library in libraries)
-    for program in (stage / "Korvane", contents / "MacOS/Korvane", stage / "KR.app/Contents/MacOS/KR"):
+    for program in (
+        stage / "Korvane",
+        contents / "MacOS/Korvane",
+        stage / "KR.app/Contents/MacOS/KR",
+    ):
         assert os.access(program, os.X_OK), program
     assert (contents / "MacOS/Korvane.version").read_text() == "2.5\n"
 
     text = (contents / "Info.plist").read_bytes()
     properties = plistlib.loads(text)
     assert properties["LSUIElement"] is properties["LSAppNapIsDisabled"] is True, properties
-    assert properties["CFBundleIdentifier"] == "com.mervix.korvane" and properties["LSMinimumSystemVersion"] == "26.0"
+    assert (
+        properties["CFBundleIdentifier"] == "com.mervix.korvane"
+        and properties["LSMinimumSystemVersion"] == "26.0"
+    )
     assert properties["CFBundleVersion"] == properties["CFBundleShortVersionString"] == "2.5"
-    assert b"CFBundleExecutable</key>\n  <string>Korvane<" in text  # CMake's fixup_bundle reads lines
+    assert (
+        b"CFBundleExecutable</key>\n  <string>Korvane<" in text
+    )  # CMake's fixup_bundle reads lines
     components = plistlib.loads(pathlib.Path("/build/packaging/components.plist").read_bytes())
-    assert [bundle["RootRelativeBundlePath"][13:] for bundle in components] == ["Korvane.app", "KR.app"], components
-    assert not any(bundle["BundleIsRelocatable"] or bundle["BundleIsVersionChecked"] for bundle in components)
+    assert [bundle["RootRelativeBundlePath"][13:] for bundle in components] == [
+        "Korvane.app",
+        "KR.app",
+    ], components
+    assert not any(
+        bundle["BundleIsRelocatable"] or bundle["BundleIsVersionChecked"] for bundle in components
+    )
 
     def sign(identity, **changes):
-        command = f"/usr/bin/cmake -D FOLDER={stage} -D 'IDENTITY={identity}' -P /source/packaging/sign.cmake"
+        command = f"/usr/bin/cmake -D FOLDER={stage} -D 'IDENTITY={identity}'"
+        command += " -P /source/packaging/sign.cmake"
         status = subprocess.run(["sh", "-c", command], env=apple.install(changes)).returncode
-        return status, [call.replace(f"{stage}/", "").removeprefix("codesign ") for call in tools.calls()]
+        return status, [
+            call.replace(f"{stage}/", "").removeprefix("codesign ") for call in tools.calls()
+        ]
 
     seal = f"--force --sign {APPLICATION} --options runtime --timestamp"
-    expected = [f"{seal} {library.relative_to(stage)}" for library in libraries if not library.is_symlink()]
+    expected = [
+        f"{seal} {library.relative_to(stage)}" for library in libraries if not library.is_symlink()
+    ]
     expected += [f"{seal} --identifier com.mervix.korvane.log-in Korvane", f"{seal} Korvane.app"]
     expected += [f"--verify --strict --verbose=2 {code}" for code in ("Korvane", "Korvane.app")]
     assert sign(APPLICATION) == (0, expected), sign(APPLICATION)
@@ -125,18 +215,30 @@ def test_check_bundle_starts_and_ends_the_launcher():
     late = type_of + '; echo "pid = $(pgrep -x Korvane) !signalled type=$type flavor=3"'
     table = [
         ("", {"lsappinfo list": late}),
-        ("shows in the Dock", {"lsappinfo list": TOOLS["lsappinfo list"].replace("UIElement", "Foreground")}),
+        (
+            "shows in the Dock",
+            {"lsappinfo list": TOOLS["lsappinfo list"].replace("UIElement", "Foreground")},
+        ),
         ("the seal of", {"codesign --verify": "exit 1"}),
         ("255\n", {"env -i": "exit 255"}),
-        ("255; likely because alice is not logged in", {"env -i": "exit 255", "launchctl print": "exit 113"}),
+        (
+            "255; likely because alice is not logged in",
+            {"env -i": "exit 255", "launchctl print": "exit 113"},
+        ),
     ]
     with Machine() as machine:
         machine.offer("2.5")
         for reason, changes in table:
             environment = machine.environment | {"PATH": apple.install(changes)["PATH"]}
             command = ["/source/script/check-bundle", machine.folder]
-            done = subprocess.run(command, env=environment, capture_output=True, text=True, **AS_ALICE)
-            assert done.returncode == bool(reason) and reason in done.stderr and not machine.flag.exists(), done
+            done = subprocess.run(
+                command, env=environment, capture_output=True, text=True, **AS_ALICE
+            )
+            assert (
+                done.returncode == bool(reason)
+                and reason in done.stderr
+                and not machine.flag.exists()
+            ), done
 
 
 def test_check_service_tells_what_the_launcher_makes_of_it():
@@ -150,21 +252,40 @@ def test_check_service_tells_what_the_launcher_makes_of_it():
         (["neither a length nor chunks"], {"faults": {"download": service.no_length()}}),
         ([], {"faults": {"download": service.chunks()}}),
         (["g:gzip"], {"faults": {"download": service.chunks(coding="gzip")}}),
-        (["g:identity,chunked"], {"faults": {"download": service.chunks(transfer="identity, chunked")}}),
+        (
+            ["g:identity,chunked"],
+            {"faults": {"download": service.chunks(transfer="identity, chunked")}},
+        ),
         (["no executable for arm64"], {"payload": b"#!/bin/sh"}),
         (["not signed;"], {"codesign": "echo not signed at all; exit 1"}),
         (["signed ad hoc"], {"codesign": "echo TeamIdentifier=not set"}),
-        (["but KR.app by none"], {"codesign": f"case $* in *KR.app) exit 1 ;; esac; echo TeamIdentifier={TEAM}"}),
+        (
+            ["but KR.app by none"],
+            {"codesign": f"case $* in *KR.app) exit 1 ;; esac; echo TeamIdentifier={TEAM}"},
+        ),
     ]
-    answers = {b"404 page not found": "4.0", b"2.6.0.0": "0.0", b"x7": "0.0", b"77\n": "7.0", b'"2\x006.0"': "2.0"}
-    table += [([f"read {read}:"] * 2, {"faults": {"version": service.body(text)}}) for text, read in answers.items()]
+    answers = {
+        b"404 page not found": "4.0",
+        b"2.6.0.0": "0.0",
+        b"x7": "0.0",
+        b"77\n": "7.0",
+        b'"2\x006.0"': "2.0",
+    }
+    table += [
+        ([f"read {read}:"] * 2, {"faults": {"version": service.body(text)}})
+        for text, read in answers.items()
+    ]
     table.append(([], {"faults": {"version": service.body(b"\xff2.6.0.0\xff\r\n")}}))
     command = ["/source/script/check-service", "service.korvane.example", "--companion", "KR.app"]
     with Machine() as machine:
         machine.offer("2.6.0.0")
         for expected, changes in table:
-            environment = apple.install({"codesign --display": changes.pop("codesign", f"echo TeamIdentifier={TEAM}")})
-            machine.service.change(**{"certificate": "good", "faults": {}, "payload": program} | changes)
+            environment = apple.install(
+                {"codesign --display": changes.pop("codesign", f"echo TeamIdentifier={TEAM}")}
+            )
+            machine.service.change(
+                **{"certificate": "good", "faults": {}, "payload": program} | changes
+            )
             done = subprocess.run(command, env=environment, capture_output=True, text=True)
             wrong = [line for line in done.stdout.splitlines() if line.startswith("WRONG")]
             assert done.returncode == bool(wrong) and len(wrong) == len(expected), (changes, done)
@@ -210,15 +331,18 @@ def test_package_waits_for_an_update_and_goes_back():
 
 
 def test_package_ends_what_hangs_and_what_comes_late():
-    """A launcher hangs in an "open -n", which starts a companion once the launcher has ended. That companion ignores
-    SIGTERM, and when it is killed another comes. Here no minute is waited for."""
+    """A launcher hangs in an "open -n", which starts a companion once the launcher has ended. That
+    companion ignores SIGTERM, and when it is killed another comes. Here no minute is waited for.
+    """
     rest = "do /usr/bin/sleep 0.1; done >&2"
     hang = f"while [ ! -e /tmp/late ] && /usr/bin/pgrep -U 1000 -x Korvane; {rest}; >/tmp/late"
     come = f">/tmp/again; rm /tmp/deaf; open -n ~/*/KR.app; until [ -e /tmp/deaf ]; {rest}"
     with Mac() as mac:
         deaf = b"\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\nopen('/tmp/deaf', 'w')\nVERSION"
         mac.service.payload = companion_program("9.0").replace(b"\nVERSION", deaf)
-        tools.replace("open", f'case "$*" in -n*KR.app) {hang} ;; esac; exec /source/compat/bin/open "$@"')
+        tools.replace(
+            "open", f'case "$*" in -n*KR.app) {hang} ;; esac; exec /source/compat/bin/open "$@"'
+        )
         once = '[ "$1$5" = -KILLKR ] && [ ! -e /tmp/again ] || exit 0'
         tools.replace("pkill", f'/source/compat/bin/pkill "$@" || exit; {once}; {come}')
         tools.replace("sleep", f"/usr/bin/sleep 0.1; until [ $1 = 1 ] || [ -e /tmp/deaf ]; {rest}")
@@ -236,7 +360,15 @@ def test_package_goes_over_an_outdated_launcher_as_root():
         mac.open("Korvane.app")
         until(lambda: running() == ["KR"], "the outdated launcher has ended")
         mac.flag.write_text("1\n")
-        install(mac, "2.7", KR + END, identity=AS_ROOT, folder="/root/packaging", HOME="/root", USER="root")
+        install(
+            mac,
+            "2.7",
+            KR + END,
+            identity=AS_ROOT,
+            folder="/root/packaging",
+            HOME="/root",
+            USER="root",
+        )
 
 
 def test_package_in_a_new_account():
@@ -248,7 +380,10 @@ def test_package_in_a_new_account():
         written = AGENT.read_bytes()
         AGENT.unlink()
         launcher = mac.launch(plistlib.loads(written)["ProgramArguments"][0])
-        until(lambda: AGENT.exists() and AGENT.read_bytes() == written, "the launcher has written the same")
+        until(
+            lambda: AGENT.exists() and AGENT.read_bytes() == written,
+            "the launcher has written the same",
+        )
         end(launcher)
         tools.replace("launchctl", "")
         mac.run("postinstall", "/", USER="")

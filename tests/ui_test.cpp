@@ -1,5 +1,6 @@
-// The login window and its tray icon: what is built, and what mouse and keyboard do to it. Runs on a real X server with
-// a window manager and a tray. Leaves a picture of the window in each of its states in the current folder.
+// The login window and its tray icon: what is built, and what mouse and keyboard do to it. Runs on
+// a real X server with a window manager and a tray. Leaves a picture of the window in each of its
+// states in the current folder.
 #include "ui/KorvaneTrayIcon.h"
 #include "ui/LoginDialog.h"
 
@@ -47,9 +48,18 @@ struct NotingWindow : LoginDialog {
 };
 
 // The window's controls of interest, by their place among its children.
-enum Child { kBanner = 1, kCaption = 3, kUser = 4, kPassword = 6, kLogIn = 7, kExit = 10, kMessage = 11 };
+enum Child {
+    kBanner = 1,
+    kCaption = 3,
+    kUser = 4,
+    kPassword = 6,
+    kLogIn = 7,
+    kExit = 10,
+    kMessage = 11
+};
 
-// The icon's place in the tray: a window of this process, plugged into the tray's own. Null while there is none.
+// The icon's place in the tray: a window of this process, plugged into the tray's own. Null while
+// there is none.
 GtkWidget *trayIcon() {
     g_autoptr(GList) windows = gtk_window_list_toplevels();
     GList *found = windows;
@@ -70,7 +80,8 @@ class Window : public testing::Test {
     wxWindow *child(Child which) const {
         return window->GetChildren().Item(which)->GetData();
     }
-    // Clicks where the pointer lights up the button: the window manager may still be placing the window.
+    // Clicks where the pointer lights up the button: the window manager may still be placing the
+    // window.
     void click(wxWindow *button) {
         EXPECT_TRUE(until([&] {
             mouse.MouseMove(button->GetScreenPosition() + button->GetSize() / 2);
@@ -97,30 +108,36 @@ class Window : public testing::Test {
         gdk_pixbuf_save(picture, (name + ".png").c_str(), "png", nullptr, nullptr);
     }
     bool comesToTheFront() {
-        return until([this] { return window->IsShown() && !window->IsIconized() && window->IsActive(); });
+        return until(
+            [this] { return window->IsShown() && !window->IsIconized() && window->IsActive(); });
     }
 
     wxWeakRef<NotingWindow> window;
     wxUIActionSimulator mouse;
 };
 
-// A line for each of the sizer's items: proportion, flags (2000: wxEXPAND; f0: wxALL; 80, 40, 20, 10: bottom, top,
-// right, left), border, what it is. Those of a sizer inside it are indented.
+// A line for each of the sizer's items: proportion, flags (2000: wxEXPAND; f0: wxALL; 80, 40, 20,
+// 10: bottom, top, right, left), border, what it is. Those of a sizer inside it are indented.
 std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
     wxString text;
     for (const wxSizerItem *item : sizer->GetChildren()) {
-        text << indent << wxString::Format("%d %x %d ", item->GetProportion(), item->GetFlag(), item->GetBorder());
+        text << indent
+             << wxString::Format("%d %x %d ", item->GetProportion(), item->GetFlag(),
+                                 item->GetBorder());
         if (const auto *inner = dynamic_cast<const wxBoxSizer *>(item->GetSizer())) {
             text << (inner->IsVertical() ? "column" : "row") << describe(inner, indent + "  ");
             continue;
         }
         const wxWindow *control = item->GetWindow();
         const wxFont font = control->GetFont();
-        text << control->GetClassInfo()->GetClassName() << wxString::Format(" '%s' ", control->GetLabel())
-             << control->GetMinSize().x << "x" << control->GetMinSize().y << " " << font.GetPointSize() << " "
-             << font.GetNumericWeight() << " " << control->GetForegroundColour().GetAsString(wxC2S_HTML_SYNTAX)
+        text << control->GetClassInfo()->GetClassName()
+             << wxString::Format(" '%s' ", control->GetLabel()) << control->GetMinSize().x << "x"
+             << control->GetMinSize().y << " " << font.GetPointSize() << " "
+             << font.GetNumericWeight() << " "
+             << control->GetForegroundColour().GetAsString(wxC2S_HTML_SYNTAX)
              << (control->HasFlag(wxTE_PASSWORD) ? " masked" : "")
-             << (control->HasFlag(wxLI_VERTICAL) ? " upright" : "") << (control->IsEnabled() ? "" : " disabled");
+             << (control->HasFlag(wxLI_VERTICAL) ? " upright" : "")
+             << (control->IsEnabled() ? "" : " disabled");
     }
     return text.ToStdString();
 }
@@ -153,7 +170,8 @@ TEST_F(Window, IsBuiltAsDesigned) {
     EXPECT_EQ(window->GetWindowStyle() & ~wxTAB_TRAVERSAL, wxDEFAULT_FRAME_STYLE);
     EXPECT_TRUE(window->GetTitle().empty() && !window->IsShown());
     const wxRect screen = wxGetClientDisplayRect();
-    const wxPoint offset = window->GetPosition() + window->GetSize() / 2 - screen.GetPosition() - screen.GetSize() / 2;
+    const wxPoint offset =
+        window->GetPosition() + window->GetSize() / 2 - screen.GetPosition() - screen.GetSize() / 2;
     EXPECT_TRUE(std::abs(offset.x) <= 1 && std::abs(offset.y) <= 1) << offset.x << ", " << offset.y;
 }
 
@@ -192,7 +210,8 @@ TEST_F(Window, LogInChecksTheFields) {
         window->SetPassword(password);
         child(kCaption)->Move(1, 1);
         click(child(kLogIn));
-        EXPECT_TRUE(until([&, said = said] { return child(kMessage)->GetLabel() == said; })) << said;
+        EXPECT_TRUE(until([&, said = said] { return child(kMessage)->GetLabel() == said; }))
+            << said;
         EXPECT_EQ(child(kCaption)->GetPosition(), laidOut ? home : wxPoint(1, 1)) << said;
         takePicture(name);
     }
@@ -235,7 +254,8 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     child(kUser)->Destroy(); // a child's end is not the window's
     icon = new KorvaneTrayIcon(window);
     icon->ProcessEvent(click);
-    EXPECT_TRUE(window->IsShown() && window->restored); // by the click itself, before anything else happens
+    EXPECT_TRUE(window->IsShown() &&
+                window->restored); // by the click itself, before anything else happens
 
     window->raised = false;
     wxIconizeEvent restored(window->GetId(), false);
@@ -258,8 +278,10 @@ TEST_F(Window, BannerHasItsSizeWhateverThePictures) {
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
         EXPECT_EQ(child(kBanner)->GetSize(), wxSize(400, 300));
         EXPECT_EQ(window->GetIcons().GetIconCount(), picture == "wide" ? 1u : 0u);
-        const wxImage shown = dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
-        EXPECT_EQ(shown.GetRed(200, 150), picture == "wide" ? 0 : window->GetBackgroundColour().Red());
+        const wxImage shown =
+            dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
+        EXPECT_EQ(shown.GetRed(200, 150),
+                  picture == "wide" ? 0 : window->GetBackgroundColour().Red());
         delete window;
     }
 }

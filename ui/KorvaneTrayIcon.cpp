@@ -7,8 +7,10 @@ wxBEGIN_EVENT_TABLE(KorvaneTrayIcon, wxTaskBarIcon)
     EVT_TASKBAR_LEFT_DOWN(KorvaneTrayIcon::OnLeftClick)
 wxEND_EVENT_TABLE()
 
-KorvaneTrayIcon::KorvaneTrayIcon(LoginDialog *dialog) : wxTaskBarIcon(wxTBI_CUSTOM_STATUSITEM), m_dialog(dialog) {
-    // If the icon is destroyed first, wxWidgets removes this binding: it tracks the handlers that events are bound to.
+KorvaneTrayIcon::KorvaneTrayIcon(LoginDialog *dialog)
+    : wxTaskBarIcon(wxTBI_CUSTOM_STATUSITEM), m_dialog(dialog) {
+    // If the icon is destroyed first, wxWidgets removes this binding: it tracks the handlers that
+    // events are bound to.
     m_dialog->Bind(wxEVT_DESTROY, &KorvaneTrayIcon::OnWindowDestroyed, this);
 }
 

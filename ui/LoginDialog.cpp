@@ -54,10 +54,12 @@ wxBitmap loadBanner(const wxString &file) {
     return wxBitmap(file, wxBITMAP_TYPE_BMP);
 }
 
-// Always kBannerWidth x kBannerHeight: a banner that cannot be shown is replaced by the plain window colour.
+// Always kBannerWidth x kBannerHeight: a banner that cannot be shown is replaced by the plain
+// window colour.
 wxImage bannerImage(const wxBitmap &banner) {
     if (banner.IsOk()) {
-        const wxImage scaled = banner.ConvertToImage().Rescale(kBannerWidth, kBannerHeight, wxIMAGE_QUALITY_BICUBIC);
+        const wxImage scaled =
+            banner.ConvertToImage().Rescale(kBannerWidth, kBannerHeight, wxIMAGE_QUALITY_BICUBIC);
         if (scaled.IsOk())
             return scaled;
     }
@@ -91,8 +93,9 @@ wxTextCtrl *addField(LoginDialog *window, wxSizer *column, long style) {
 }
 
 // Adds a row of two buttons, of which one, the left or the right, is disabled for good.
-std::pair<wxButton *, wxButton *> addButtonRow(LoginDialog *window, wxSizer *column, int border, const wxString &left,
-                                               const wxString &right, bool leftDisabled) {
+std::pair<wxButton *, wxButton *> addButtonRow(LoginDialog *window, wxSizer *column, int border,
+                                               const wxString &left, const wxString &right,
+                                               bool leftDisabled) {
     const wxSize size(110, 30);
     auto *first = new wxButton(window, wxID_ANY, left, wxDefaultPosition, size);
     auto *second = new wxButton(window, wxID_ANY, right, wxDefaultPosition, size);
@@ -118,16 +121,17 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
 
     // Each sizer is owned here until the step that adds it: an exception before that frees it.
     auto main = std::make_unique<wxBoxSizer>(wxVERTICAL);
-    main->Add(new wxStaticLine(this, wxID_ANY, wxDefaultPosition, wxDefaultSize, wxLI_HORIZONTAL), 0,
-              wxEXPAND | wxLEFT | wxRIGHT, 0);
+    main->Add(new wxStaticLine(this, wxID_ANY, wxDefaultPosition, wxDefaultSize, wxLI_HORIZONTAL),
+              0, wxEXPAND | wxLEFT | wxRIGHT, 0);
 
     auto content = std::make_unique<wxBoxSizer>(wxHORIZONTAL);
-    const std::string folder = std::filesystem::path(getExecutablePath()).parent_path().string() + "/";
+    const std::string folder =
+        std::filesystem::path(getExecutablePath()).parent_path().string() + "/";
     const wxString bannerFile = fileName(folder + "Korvane.bmp");
     const wxBitmap banner(bannerImage(loadBanner(bannerFile)));
     content->Add(new wxStaticBitmap(this, wxID_ANY, wxBitmapBundle(banner)), 0, wxALL, 0);
-    content->Add(new wxStaticLine(this, wxID_ANY, wxDefaultPosition, wxDefaultSize, wxLI_VERTICAL), 0,
-                 wxEXPAND | wxTOP | wxBOTTOM, 10);
+    content->Add(new wxStaticLine(this, wxID_ANY, wxDefaultPosition, wxDefaultSize, wxLI_VERTICAL),
+                 0, wxEXPAND | wxTOP | wxBOTTOM, 10);
 
     auto form = std::make_unique<wxBoxSizer>(wxVERTICAL);
     addCaption(this, form.get(), "User Name", 20);
@@ -135,8 +139,10 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     addCaption(this, form.get(), "Password", 15);
     m_passwordCtrl = addField(this, form.get(), wxTE_PASSWORD);
 
-    std::tie(m_loginButton, m_logoutButton) = addButtonRow(this, form.get(), 20, "LogIn", "LogOut", false);
-    std::tie(m_korvaneButton, m_exitButton) = addButtonRow(this, form.get(), 6, "Korvane", "Exit", true);
+    std::tie(m_loginButton, m_logoutButton) =
+        addButtonRow(this, form.get(), 20, "LogIn", "LogOut", false);
+    std::tie(m_korvaneButton, m_exitButton) =
+        addButtonRow(this, form.get(), 6, "Korvane", "Exit", true);
 
     m_errorLabel = new wxStaticText(this, wxID_ANY, "", wxDefaultPosition, wxSize(230, -1));
     m_errorLabel->SetForegroundColour(*wxStockGDI::GetColour(wxStockGDI::COLOUR_RED));
@@ -147,7 +153,8 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     main->Add(content.release(), 1, wxEXPAND, 0);
     SetSizer(main.release(), true);
     Fit();
-    // Under GTK a window without a minimum size shrinks by its title bar when first shown, and clips its contents.
+    // Under GTK a window without a minimum size shrinks by its title bar when first shown, and
+    // clips its contents.
     GetSizer()->SetSizeHints(this);
     Centre(wxBOTH);
 

@@ -1,4 +1,5 @@
-// The part of AppKit that sets an application's appearance, with AppKit's names, on GNU's Objective-C runtime.
+// The part of AppKit that sets an application's appearance, with AppKit's names, on GNU's
+// Objective-C runtime.
 #pragma once
 
 #include <objc/objc.h>
@@ -26,8 +27,8 @@ __attribute__((objc_root_class))
 @interface NSApplication {
     Class isa;
 }
-// Draws every window of the application in this appearance, whatever the user's desktop settings say. With nil the
-// settings apply unchanged. wxWidgets must have been initialised.
+// Draws every window of the application in this appearance, whatever the user's desktop settings
+// say. With nil the settings apply unchanged. wxWidgets must have been initialised.
 - (void)setAppearance:(NSAppearance *)appearance;
 @end
 

@@ -1,7 +1,8 @@
-// The part of CoreFoundation that reads properties, with its names: constant strings, numbers and dictionaries.
+// The part of CoreFoundation that reads properties, with its names: constant strings, numbers and
+// dictionaries.
 //
-// Ownership follows CoreFoundation's rules: the caller of a function with "Create" in its name releases the object with
-// CFRelease; the caller of a "Get" function does not own what it returns.
+// Ownership follows CoreFoundation's rules: the caller of a function with "Create" in its name
+// releases the object with CFRelease; the caller of a "Get" function does not own what it returns.
 #pragma once
 
 #include <stdint.h>
@@ -33,8 +34,8 @@ const void *CFDictionaryGetValue(CFDictionaryRef dictionary, const void *key);
 CFTypeID CFGetTypeID(CFTypeRef object);
 CFTypeID CFNumberGetTypeID(void);
 
-// Stores the number in *value, an int64_t for kCFNumberSInt64Type, and returns true. Throws when the object is no
-// number.
+// Stores the number in *value, an int64_t for kCFNumberSInt64Type, and returns true. Throws when
+// the object is no number.
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void *value);
 
 // Releases one reference; releasing the last one frees the object and releases what it holds.

@@ -1,6 +1,8 @@
-// The part of IOKit that finds a service of the I/O registry and reads its properties, with IOKit's names.
+// The part of IOKit that finds a service of the I/O registry and reads its properties, with IOKit's
+// names.
 //
-// The registry holds one service, of class "IOHIDSystem", while the X server named by DISPLAY can be reached.
+// The registry holds one service, of class "IOHIDSystem", while the X server named by DISPLAY can
+// be reached.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -21,19 +23,23 @@ typedef io_object_t io_registry_entry_t;
 
 extern const mach_port_t kIOMainPortDefault;
 
-// Returns a new dictionary that matches services of this class. IOServiceGetMatchingServices takes ownership of it.
+// Returns a new dictionary that matches services of this class. IOServiceGetMatchingServices takes
+// ownership of it.
 CFMutableDictionaryRef IOServiceMatching(const char *name);
 
-// Stores a new iterator over the services that match. Consumes the dictionary even when it fails. Fails when DISPLAY is
-// not set, or when 16 objects have not been released.
-kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching, io_iterator_t *existing);
+// Stores a new iterator over the services that match. Consumes the dictionary even when it fails.
+// Fails when DISPLAY is not set, or when 16 objects have not been released.
+kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
+                                           io_iterator_t *existing);
 
 // Returns the next object, which the caller releases, or 0 after the last.
 io_object_t IOIteratorNext(io_iterator_t iterator);
 
-// Stores a new dictionary of the entry's properties: "HIDIdleTime", the nanoseconds since the last input, if the X
-// server counts them (MIT-SCREEN-SAVER extension). Fails when the server can no longer be reached.
-kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry, CFMutableDictionaryRef *properties,
+// Stores a new dictionary of the entry's properties: "HIDIdleTime", the nanoseconds since the last
+// input, if the X server counts them (MIT-SCREEN-SAVER extension). Fails when the server can no
+// longer be reached.
+kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry,
+                                                CFMutableDictionaryRef *properties,
                                                 CFAllocatorRef allocator, IOOptionBits options);
 
 kern_return_t IOObjectRelease(io_object_t object);

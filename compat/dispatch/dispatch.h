@@ -13,10 +13,12 @@ typedef uint64_t dispatch_time_t;
 // The only time limit supported: none.
 #define DISPATCH_TIME_FOREVER (~UINT64_C(0))
 
-// Returns a semaphore that lets value waiters pass before one blocks, or null when value is negative.
+// Returns a semaphore that lets value waiters pass before one blocks, or null when value is
+// negative.
 dispatch_semaphore_t dispatch_semaphore_create(intptr_t value);
 
-// Takes one from the semaphore's count, blocking while that is 0. Returns 0. The limit must be DISPATCH_TIME_FOREVER.
+// Takes one from the semaphore's count, blocking while that is 0. Returns 0. The limit must be
+// DISPATCH_TIME_FOREVER.
 intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_time_t limit);
 
 // Adds one to the semaphore's count. Returns non-zero when that wakes a waiting thread, else 0.

@@ -1,4 +1,5 @@
-// The operating system's side: files, processes, the agent file, queries. Runs as an ordinary user, with a display.
+// The operating system's side: files, processes, the agent file, queries. Runs as an ordinary user,
+// with a display.
 #include "app/Globals.h"
 #include "app/UserName.h"
 #include "platform/Platform.h"
@@ -48,8 +49,8 @@ void setVariable(const char *name, const Value &value) {
 
 TEST(System, UserIsTheFirstVariableThatIsSet) {
     using Row = std::tuple<Value, Value, std::string>;
-    for (const auto &[user, logname, name] :
-         {Row{"", "bob", ""}, Row{{}, " b ", " b "}, Row{{}, {}, "unknown"}, Row{"alice", {}, "alice"}}) {
+    for (const auto &[user, logname, name] : {Row{"", "bob", ""}, Row{{}, " b ", " b "},
+                                              Row{{}, {}, "unknown"}, Row{"alice", {}, "alice"}}) {
         setVariable("USER", user);
         setVariable("LOGNAME", logname);
         EXPECT_EQ(getOSUsername(), name);
@@ -129,7 +130,8 @@ TEST(System, IdleTimeIsTheDisplays) {
     while (Platform::GetIdleTimeSeconds() < 2)
         ASSERT_LT(elapsed(), 60s);
     EXPECT_GE(elapsed(), 2s);
-    // And nothing where it cannot be told: by a server that does not count it, one that is not there, and none.
+    // And nothing where it cannot be told: by a server that does not count it, one that is not
+    // there, and none.
     const Value others[] = {std::getenv("DISPLAY_WITHOUT_IDLE_TIME"), ":999", std::nullopt};
     for (const auto &other : others) {
         setVariable("DISPLAY", other);

@@ -12,8 +12,8 @@
 namespace {
 
 std::string dotted(const AppVersion &version) {
-    return std::to_string(version.major) + "." + std::to_string(version.minor) + "." + std::to_string(version.build) +
-           "." + std::to_string(version.revision);
+    return std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
+           std::to_string(version.build) + "." + std::to_string(version.revision);
 }
 
 TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
@@ -35,10 +35,16 @@ TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
 // docs/integrating.md tells the service's developer the rows for 2.5.
 TEST(Text, NewerIsTheAnswerInsideItsEndsByMajorAndMinor) {
     const std::tuple<std::string, bool, std::vector<std::string>> table[] = {
-        {"2.5", true, {R"("2.6.0.0")", R"("10.0")", R"("3")", R"("2.50")", R"("2.999")", R"("2.1000")"}},
+        {"2.5",
+         true,
+         {R"("2.6.0.0")", R"("10.0")", R"("3")", R"("2.50")", R"("2.999")", R"("2.1000")"}},
         {"2.5", true, {"404 page not found", "x7.67"}},
-        {"2.5", false, {R"("2.05")", R"("2.5.9.9")", R"("2.4")", R"("v3.0")", "", R"({"version":"3.0"})"}},
-        {"2.5", false, {"12.0.0.0", "3", "77", "x2.51", "\"2.6", "\n\"2.6.0.0\"", "\xEF\xBB\xBF\"2.6.0.0\""}},
+        {"2.5",
+         false,
+         {R"("2.05")", R"("2.5.9.9")", R"("2.4")", R"("v3.0")", "", R"({"version":"3.0"})"}},
+        {"2.5",
+         false,
+         {"12.0.0.0", "3", "77", "x2.51", "\"2.6", "\n\"2.6.0.0\"", "\xEF\xBB\xBF\"2.6.0.0\""}},
         {"\"2.6\"", true, {R"("0.1")"}},
         {"2.999", true, {"\"3.0\"\r\n"}},
         {"2.0", true, {R"("1.1001")"}},
@@ -47,7 +53,8 @@ TEST(Text, NewerIsTheAnswerInsideItsEndsByMajorAndMinor) {
         {"2147483647.0", false, {R"("-2147483648.0")"}}};
     for (const auto &[installed, newer, answers] : table) {
         for (const std::string &answer : answers)
-            EXPECT_EQ(isNewerThan(parseServiceAnswer(answer), parseMarkerVersion(installed)), newer) << answer;
+            EXPECT_EQ(isNewerThan(parseServiceAnswer(answer), parseMarkerVersion(installed)), newer)
+                << answer;
     }
 }
 
