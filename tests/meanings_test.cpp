@@ -47,7 +47,8 @@ TEST(Meanings, ProcessesAreFoundByExactNameAndEndedByPattern) {
     EXPECT_EQ(line(start("echo $(pgrep -x " + kName + ")")), pid);
     EXPECT_EQ(line(start("pgrep -x " + kName.substr(0, kName.size() - 1))), "");
     Platform::CloseExternalApp(self);
-    EXPECT_EQ(WTERMSIG(pclose(stays.release())), SIGTERM);
+    const int status = pclose(stays.release());
+    EXPECT_EQ(WTERMSIG(status), SIGTERM);
 }
 
 TEST(Meanings, ExecutablePathIsTheOneStarted) {
