@@ -82,9 +82,6 @@ void initStartup() {
     StartKR();
     std::this_thread::sleep_for(2s);
     CheckLauncher();
-    if (launcherIsEnding())
-        return;
-
     g_threads[0] = std::thread(KR_Status, 1);
     Platform::SetAutoStart(filepath + "Korvane");
 }

@@ -11,7 +11,7 @@ bool PreventMultipleInstances(const std::string &name);
 
 // Runs the start-up sequence, on the main thread. Calls exit(0) when another launcher runs. Waits
 // without limit for a user name, asking once a second. If memory for filepath runs out, leaves it
-// empty and goes on. Returns with the supervision thread running and the agent file written (see
-// Platform::SetAutoStart), or with neither when the launcher is outdated. Throws std::system_error
-// when the thread cannot be created.
+// empty and goes on. Ends the process when the launcher is outdated (see CheckLauncher). Returns with
+// the supervision thread running and the agent file written (see Platform::SetAutoStart). Throws
+// std::system_error when the thread cannot be created.
 void initStartup();

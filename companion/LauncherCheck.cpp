@@ -8,12 +8,6 @@
 #include <thread>
 #include <wx/app.h>
 
-namespace {
-
-bool g_ending = false;
-
-} // namespace
-
 void CheckLauncher() {
     if (!serviceHasNewer("Korvane_CAP"))
         return;
@@ -23,7 +17,6 @@ void CheckLauncher() {
             thread.join();
     }
 
-    g_ending = true;
     try {
         wxAppConsole::GetInstance()->CallAfter([] {
             if (g_dlg)
@@ -33,8 +26,4 @@ void CheckLauncher() {
     } catch (...) {
     }
     wxExit();
-}
-
-bool launcherIsEnding() {
-    return g_ending;
 }
