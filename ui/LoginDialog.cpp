@@ -153,9 +153,6 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     main->Add(content.release(), 1, wxEXPAND, 0);
     SetSizer(main.release(), true);
     Fit();
-    // Under GTK a window without a minimum size shrinks by its title bar when first shown, and
-    // clips its contents.
-    GetSizer()->SetSizeHints(this);
     Centre(wxBOTH);
 
     m_trayIcon = new KorvaneTrayIcon(this);
