@@ -3,6 +3,7 @@
 // None of it is ever destroyed: the supervision thread may be using it when the process ends.
 #pragma once
 
+#include <array>
 #include <string>
 #include <thread>
 
@@ -11,7 +12,7 @@ class LoginDialog;
 // The one slot holds the supervision thread once start-up has created it. It is never detached and
 // never joined: CheckLauncher would join it, but start-up calls that while the slot is still empty.
 // Main thread only.
-extern std::thread (&g_threads)[1];
+extern std::array<std::thread, 1> &g_threads;
 
 // Login name of the user who runs the launcher, in the bytes of the environment. Empty until
 // start-up sets it, before it creates the supervision thread. It does not change afterwards, so

@@ -2,17 +2,18 @@
 #include "app/Korvane_Cross_launcher.h"
 
 #include "app/Globals.h"
-#include "app/UserName.h"
 #include "companion/CompanionUpdate.h"
 #include "companion/LauncherCheck.h"
 #include "platform/Platform.h"
-#include "platform/StandardStreams.h"
 #include "supervise/Supervision.h"
 
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
+#include <initializer_list>
 #include <thread>
+#include <unistd.h>
 #include <wx/app.h>
 #include <wx/image.h>
 
@@ -23,10 +24,24 @@ using namespace std::chrono_literals;
 // so nothing of ours that it uses may be destroyed at exit. These objects are on the heap, are
 // never freed and stay reachable through the references. So ~thread, which aborts the process if
 // its thread is still joinable, does not run either.
-std::thread (&g_threads)[1] = *new std::thread[1][1];
+std::array<std::thread, 1> &g_threads = *new std::array<std::thread, 1>;
 std::string &uname_windows = *new std::string;
 std::string &filepath = *new std::string;
 LoginDialog *g_dlg = nullptr;
+
+namespace {
+
+// Opens each standard stream that is closed on /dev/null. Otherwise the next file to be opened
+// would get its number, and libcurl's trace, which goes to standard error, would go into that file.
+void openMissingStandardStreams() {
+    // open(2) returns the lowest free number, which is this one: the lower ones are open by then.
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0)
+            open("/dev/null", O_RDWR);
+    }
+}
+
+} // namespace
 
 class App : public wxApp {
   public:
@@ -62,6 +77,14 @@ bool PreventMultipleInstances(const std::string &name) {
     lock.l_whence = SEEK_SET;
     // The descriptor stays open on purpose: closing it would drop the lock.
     return fcntl(descriptor, F_SETLK, &lock) < 0;
+}
+
+std::string getOSUsername() {
+    if (const char *user = std::getenv("USER"))
+        return user;
+    if (const char *logname = std::getenv("LOGNAME"))
+        return logname;
+    return "unknown";
 }
 
 void initStartup() {

@@ -3,7 +3,6 @@
 
 #include "app/Globals.h"
 #include "companion/ServiceClient.h"
-#include "companion/ShellQuote.h"
 #include "companion/VersionCheck.h"
 #include "platform/Platform.h"
 #include "supervise/CompanionProcess.h"
@@ -15,6 +14,22 @@
 #include <thread>
 
 using namespace std::chrono_literals;
+
+namespace {
+
+// Puts a backslash before each character that the shell still interprets between double quotes
+// (sh(1), POSIX "Double-Quotes"), so that it passes on exactly text.
+std::string inDoubleQuotes(const std::string &text) {
+    std::string quoted = "\"";
+    for (const char character : text) {
+        if (character == '\\' || character == '"' || character == '$' || character == '`')
+            quoted += '\\';
+        quoted += character;
+    }
+    return quoted + '"';
+}
+
+} // namespace
 
 void StartKR() {
     if (!serviceHasNewer("KR_CAP"))

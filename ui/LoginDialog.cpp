@@ -6,8 +6,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <tuple>
-#include <utility>
 #include <wx/button.h>
 #include <wx/gdicmn.h>
 #include <wx/icon.h>
@@ -92,25 +90,24 @@ wxTextCtrl *addField(LoginDialog *window, wxSizer *column, long style) {
     return field;
 }
 
-// Adds a row of two buttons, of which one, the left or the right, is disabled for good.
-std::pair<wxButton *, wxButton *> addButtonRow(LoginDialog *window, wxSizer *column, int border,
-                                               const wxString &left, const wxString &right,
-                                               bool leftDisabled) {
-    const wxSize size(110, 30);
-    auto *first = new wxButton(window, wxID_ANY, left, wxDefaultPosition, size);
-    auto *second = new wxButton(window, wxID_ANY, right, wxDefaultPosition, size);
+wxButton *newButton(LoginDialog *window, const wxString &text) {
+    return new wxButton(window, wxID_ANY, text, wxDefaultPosition, wxSize(110, 30));
+}
+
+// One of the two buttons is disabled, for good.
+void addButtonRow(wxSizer *column, int border, wxButton *left, wxButton *right,
+                  wxButton *disabled) {
     const wxFont font = boldFont();
-    first->SetFont(font);
-    second->SetFont(font);
-    (leftDisabled ? first : second)->Enable(false);
-    first->SetForegroundColour(*wxBLACK);
-    second->SetForegroundColour(*wxBLACK);
+    left->SetFont(font);
+    right->SetFont(font);
+    disabled->Enable(false);
+    left->SetForegroundColour(*wxBLACK);
+    right->SetForegroundColour(*wxBLACK);
 
     auto row = std::make_unique<wxBoxSizer>(wxHORIZONTAL);
-    row->Add(first, 0, wxRIGHT, 5);
-    row->Add(second, 0, 0, 0);
+    row->Add(left, 0, wxRIGHT, 5);
+    row->Add(right, 0, 0, 0);
     column->Add(row.release(), 0, wxTOP, border);
-    return {first, second};
 }
 
 } // namespace
@@ -139,10 +136,12 @@ LoginDialog::LoginDialog(wxWindow *parent) : wxFrame(parent, wxID_ANY, "") {
     addCaption(this, form.get(), "Password", 15);
     m_passwordCtrl = addField(this, form.get(), wxTE_PASSWORD);
 
-    std::tie(m_loginButton, m_logoutButton) =
-        addButtonRow(this, form.get(), 20, "LogIn", "LogOut", false);
-    std::tie(m_korvaneButton, m_exitButton) =
-        addButtonRow(this, form.get(), 6, "Korvane", "Exit", true);
+    m_loginButton = newButton(this, "LogIn");
+    m_logoutButton = newButton(this, "LogOut");
+    addButtonRow(form.get(), 20, m_loginButton, m_logoutButton, m_logoutButton);
+    m_korvaneButton = newButton(this, "Korvane");
+    m_exitButton = newButton(this, "Exit");
+    addButtonRow(form.get(), 6, m_korvaneButton, m_exitButton, m_korvaneButton);
 
     m_errorLabel = new wxStaticText(this, wxID_ANY, "", wxDefaultPosition, wxSize(230, -1));
     m_errorLabel->SetForegroundColour(*wxStockGDI::GetColour(wxStockGDI::COLOUR_RED));

@@ -1,7 +1,7 @@
 // The operating system's side: files, processes, the agent file, queries. Runs as an ordinary user,
 // with a display.
 #include "app/Globals.h"
-#include "app/UserName.h"
+#include "app/Korvane_Cross_launcher.h"
 #include "platform/Platform.h"
 #include "supervise/CompanionProcess.h"
 #include "supervise/ManualExitFlag.h"
