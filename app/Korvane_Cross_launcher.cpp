@@ -5,6 +5,7 @@
 #include "companion/CompanionUpdate.h"
 #include "companion/LauncherCheck.h"
 #include "platform/Platform.h"
+#include "platform/SharedFile.h"
 #include "supervise/Supervision.h"
 
 #include <array>
@@ -67,16 +68,15 @@ bool App::OnInit() {
 }
 
 bool PreventMultipleInstances(const std::string &name) {
-    const std::string path = "/tmp/" + name + ".lock";
-    const int descriptor = open(path.c_str(), O_RDWR | O_CREAT, 0666);
-    if (descriptor < 0)
+    UniqueFd file = openSharedFile("/tmp/" + name + ".lock", O_RDWR | O_CREAT);
+    if (!file)
         return false;
 
     struct flock lock = {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     // The descriptor stays open on purpose: closing it would drop the lock.
-    return fcntl(descriptor, F_SETLK, &lock) < 0;
+    return fcntl(file.release(), F_SETLK, &lock) < 0;
 }
 
 std::string getOSUsername() {

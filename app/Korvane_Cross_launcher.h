@@ -6,8 +6,8 @@
 
 // Keeps a second launcher out with an exclusive record lock on "/tmp/<name>.lock", held until the
 // process ends (fcntl(2), F_SETLK). Returns true when the lock is refused. Returns false when this
-// process holds it, and also when the lock file cannot be opened: a launcher without a lock is
-// better than none.
+// process holds it, and also when the lock file cannot be opened or openSharedFile refuses it: a
+// launcher without a lock is better than none.
 bool PreventMultipleInstances(const std::string &name);
 
 // Returns the login name of the user who runs the launcher: the value of USER if it is set, else of

@@ -53,8 +53,8 @@ void RemoveTrayIcon();
 
 // Returns the absolute, resolved path of the running executable; its unresolved path when resolving
 // fails; an empty string when the system does not give it. Each call replaces the content of
-// "/tmp/korvane_debug.txt" with the path trace, or silently writes none when that is not a regular
-// file with one name that may be written.
+// "/tmp/korvane_debug.txt" with the path trace, or silently writes none when that cannot be opened
+// (see openSharedFile).
 std::string getExecutablePath();
 
 // Returns the folder that holds the bundle of the executable at this path: the path's fourth

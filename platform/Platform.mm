@@ -2,7 +2,7 @@
 #include "platform/Platform.h"
 
 #include "platform/FirstLine.h"
-#include "platform/UniqueFd.h"
+#include "platform/SharedFile.h"
 
 #import <AppKit/AppKit.h>
 #include <CoreFoundation/CoreFoundation.h>
@@ -15,7 +15,6 @@
 #include <fstream>
 #include <mach-o/dyld.h>
 #include <optional>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -30,17 +29,10 @@ std::optional<std::string> inHome(const char *path) {
 
 constexpr const char *kAgentFile = "/Library/LaunchAgents/com.mervix.korvane.plist";
 
-// Every local user can write to /tmp. A link put there must not make the launcher empty another
-// file of its user, and a pipe must not block it. So it truncates only what it knows to be a
-// regular file with no other name.
 void writePathTrace(int result, const char *rawPath, std::uint32_t size) {
-    const UniqueFd trace(open("/tmp/korvane_debug.txt",
-                              O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-    struct stat status = {};
-    if (!trace || fstat(trace.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_nlink != 1 || ftruncate(trace.get(), 0) != 0)
-        return;
-    dprintf(trace.get(), "ret: %d\nraw path: %s\nsize: %u\n", result, rawPath, size);
+    const UniqueFd trace = openSharedFile("/tmp/korvane_debug.txt", O_WRONLY | O_CREAT);
+    if (trace && ftruncate(trace.get(), 0) == 0)
+        dprintf(trace.get(), "ret: %d\nraw path: %s\nsize: %u\n", result, rawPath, size);
 }
 
 constexpr std::int64_t kNanosecondsPerSecond = 1000000000;

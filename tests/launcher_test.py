@@ -11,7 +11,7 @@ import subprocess
 
 import service
 from machine import AGENT, HOME, LOCK, PATH_TRACE, Machine
-from machine import companion_program, companions, end, end_all, processes, state, until
+from machine import companion_program, companions, end, end_all, own, processes, state, until
 from strace import steps
 
 # What steps() tells of each part of the launcher's run.
@@ -68,11 +68,11 @@ def test_not_newer_does_nothing_and_one_launcher_lives():
     with Machine() as machine:
         machine.offer("2.5.9.9", launcher="2.5.9.9")
         before, pid = state(machine.companion), machine.start_companion()
-        crowd = [machine.launch() for _ in range(12)]
+        crowd = [machine.launch(umask=0) for _ in range(12)]
         until(lambda: [process.poll() for process in crowd].count(0) == 11, "all but one end")
         until(AGENT.exists, "start-up is complete")
         assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] and companions() == [pid]
-        assert state(machine.companion) == before
+        assert state(machine.companion) == before and LOCK.stat().st_mode == 0o100666
 
         PATH_TRACE.unlink()
         AGENT.unlink()
@@ -82,11 +82,16 @@ def test_not_newer_does_nothing_and_one_launcher_lives():
         end_all("Korvane")
         machine.launch()
         machine.service.wait_for("Korvane_CAP", 2)
-        # A lock file that cannot be opened keeps nobody out.
-        LOCK.unlink()
-        LOCK.touch(0o600)
-        machine.launch()
-        machine.service.wait_for("Korvane_CAP", 3)
+        # A lock file that cannot be opened, or leads elsewhere, keeps nobody out and is left alone.
+        pathlib.Path("/tmp/precious").touch()
+        own("/tmp/precious")
+        plants = ["install -m 600 /dev/null", "ln -s precious", "ln /tmp/precious", "mkfifo -m 666"]
+        for number, plant in enumerate(plants):
+            LOCK.unlink()
+            subprocess.run([*plant.split(), LOCK], check=True)
+            launcher = machine.launch(quickly=True)
+            machine.service.wait_for("Korvane_CAP", number + 3)
+            assert not re.search("Korvane.lock|precious", descriptors(launcher))
 
 
 def test_every_way_to_start_finds_the_folder():
