@@ -5,18 +5,14 @@
 #include "platform/UniqueFd.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr std::size_t kUniqueCharacters = 6; // as many as mkostemp(3) replaces
 
 // Returns the folder that holds the bundle in which this is the folder of executables, or an empty
 // path when it is not.
@@ -29,20 +25,6 @@ fs::path folderOfBundle(const fs::path &executables) {
         bundle.extension() != ".app")
         return {};
     return bundle.parent_path();
-}
-
-// Each attempt's staging file has a unique name, so no process renames another's half-written file.
-// The names share a beginning, by which those left by killed processes are found.
-void removeLeftovers(const fs::path &folder, const std::string &beginning) {
-    std::error_code ignored;
-    for (fs::directory_iterator entry(folder, ignored), end; entry != end;
-         entry.increment(ignored)) {
-        const std::string name = entry->path().filename().string();
-        if (name.starts_with(beginning) && name.size() == beginning.size() + kUniqueCharacters) {
-            std::error_code stays;
-            fs::remove(entry->path(), stays);
-        }
-    }
 }
 
 // Asks access(2) instead of opening the target: macOS distrusts code that was open for writing. An
@@ -85,20 +67,15 @@ StagedFile::StagedFile(const std::string &target) : target_(target) {
     if (!mayBeReplaced(target_))
         return;
     const fs::path folder = fs::path(target_).parent_path();
-    const fs::path outside = folderOfBundle(folder);
-    const std::string beginning = fs::path(target_).filename().string() + ".download.";
-    removeLeftovers(folder, beginning);
-    if (!outside.empty())
-        removeLeftovers(outside, "." + beginning);
-
-    staging_ = folder / (beginning + std::string(kUniqueCharacters, 'X'));
-    UniqueFd descriptor(mkostemp(staging_.data(), O_CLOEXEC));
-    if (!descriptor) {
-        staging_.clear();
+    const std::string name = fs::path(target_).filename().string() + ".download";
+    staging_ = folder / name;
+    unlink(staging_.c_str());
+    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd descriptor(open(staging_.c_str(), flags, 0600));
+    if (!descriptor || fstat(descriptor.get(), &made_) != 0)
         return;
-    }
-    if (!outside.empty()) {
-        std::string hidden = outside / ("." + fs::path(staging_).filename().string());
+    if (const fs::path outside = folderOfBundle(folder); !outside.empty()) {
+        std::string hidden = outside / ("." + name);
         if (rename(staging_.c_str(), hidden.c_str()) == 0)
             staging_.swap(hidden);
     }
@@ -112,8 +89,7 @@ StagedFile::StagedFile(const std::string &target) : target_(target) {
 }
 
 StagedFile::~StagedFile() {
-    stream_.reset();
-    if (!staging_.empty())
+    if (leadsTo(staging_, made_))
         unlink(staging_.c_str());
 }
 
@@ -124,9 +100,7 @@ void StagedFile::replaceTarget() {
         fchmod(descriptor, 0755) != 0 || !reachStableStorage(descriptor))
         return;
     stream_.reset(); // whatever close(2) says now: all bytes are on stable storage
-    if (!leadsTo(staging_, received) || !mayBeReplaced(target_) ||
-        rename(staging_.c_str(), target_.c_str()) != 0)
-        return;
-    staging_.clear();
-    syncFolder(fs::path(target_).parent_path());
+    if (leadsTo(staging_, made_) && mayBeReplaced(target_) &&
+        rename(staging_.c_str(), target_.c_str()) == 0)
+        syncFolder(fs::path(target_).parent_path());
 }

@@ -6,21 +6,23 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
 
 // Receives a target file's new content in a staging file. The target changes only by rename(2):
 // whatever happens, even if the process is killed or the machine loses power, it is the old file or
 // the new one, never a mixture.
 //
-// The staging file is created in the target's folder, which shows that files may be created there.
-// When that folder is a bundle's, "*.app/Contents/MacOS" (links resolved), the file is renamed,
-// still empty, to the folder that holds the bundle: an unsigned file would break the bundle's seal,
-// and a copy of the bundle would include it. Where that rename fails (another volume, a folder that
-// the user may not write to), the file stays beside the target. It is named after the target,
-// "<name>.download." and six characters, with a full stop in front where it is outside the bundle.
+// The staging file is made in the target's folder, which shows that files may be made there, under
+// the target's name and ".download"; whatever has that name is removed before. When the folder is a
+// bundle's, "*.app/Contents/MacOS" (links resolved), the file is renamed, still empty, to the
+// folder that holds the bundle, with a full stop in front, over whatever has that name: an unsigned
+// file would break the bundle's seal, and a copy of the bundle would include it. Where that rename
+// fails (another volume, a folder that the user may not write to), the file stays beside the
+// target.
 //
 // A staging file that does not replace the target is removed. One left by a process that was killed
-// or that exited meanwhile is removed by the next StagedFile for the same target. So is one that
-// another process is still writing, which then cannot replace the target.
+// or that exited meanwhile is replaced by the next one. So is one that another process is still
+// writing: that process finds another file under its name, and changes and removes nothing.
 class StagedFile {
   public:
     // Opens a staging file for target (a full path). When the target cannot be replaced, changes
@@ -46,6 +48,7 @@ class StagedFile {
 
   private:
     std::string target_;
-    std::string staging_; // empty once there is no staging file to remove
+    std::string staging_;
+    struct stat made_ = {}; // the staging file, as it was made
     std::unique_ptr<std::FILE, Closing<std::fclose>> stream_;
 };

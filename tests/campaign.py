@@ -19,6 +19,7 @@ import tools
 from machine import AGENT, LOCK, until
 
 OLD = sandbox.companion_program("2.5")
+LEFTOVER = OLD[:300]  # what a killed launcher leaves
 
 
 @dataclasses.dataclass
@@ -228,14 +229,12 @@ FAULTS = {
         shell("rm KR; install -d -o alice KR"), **NOT_ASKED, outcomes=["folder"]
     ),
     "folder: bundle's is read-only": Fault(
-        shell("cd ../../..; rm .KR.download.killed; chmod 555 ."), **NEW
+        shell("cd ../../..; rm .KR.download; chmod 555 ."), **NEW
     ),
     "folder: bundle is swapped": Fault(
         meanwhile("cp -a KR.app new; rm -r KR.app; mv new KR.app"), **NEW
     ),
-    "staging file: a link": Fault(
-        meanwhile("set .KR.download.??????; mv $1 ~alice; ln -s ~alice/$1 $1")
-    ),
+    "staging file: a link": Fault(meanwhile("mv .KR.download ~alice; ln -s ~alice/.KR.download .")),
     "folder: missing": Fault(shell("rm -r ../MacOS"), **NOT_ASKED, outcomes=["absent"]),
     "target: missing": Fault(shell("rm KR"), **NEW),
     "target: read-only": Fault(shell("chmod 444 KR"), **NOT_ASKED),
@@ -274,10 +273,12 @@ def install_old(target):
 
 def staged(machine):
     """The staging files in both places."""
-    return {
-        *machine.companion.parent.glob("KR.download.??????"),
-        *machine.folder.glob(".KR.download.??????"),
-    }
+    return {*machine.companion.parent.glob("KR.download"), *machine.folder.glob(".KR.download")}
+
+
+def is_planted(path):
+    """Whether this is what the round has put in a staging file's place."""
+    return path.is_symlink() or path.read_bytes() == LEFTOVER
 
 
 def snapshot(machine):
@@ -310,21 +311,16 @@ def play(name, fault):
     random.seed(os.environ["SEED"] + name)
     with sandbox.Machine() as machine:
         tools.install()
-        beside, outside = machine.companion.parent, machine.folder
-        for leftover in (beside / "KR.download.killed", outside / ".KR.download.killed"):
-            leftover.write_bytes(OLD[:300])  # what a killed launcher leaves
-        for other in (
-            beside / "KR.download.zip",
-            outside / "KR.download.others",
-            outside / ".KR.download.zip",
+        for folder, name in (machine.companion.parent, "KR.download"), (
+            machine.folder,
+            ".KR.download",
         ):
-            other.touch()  # none of the launcher's
+            (folder / name).write_bytes(LEFTOVER)
         install_old(machine.companion)
         r = Round(machine, fault)
         machine.offer("2.6", payload=r.payload)
         fault.bring_about(r)
         r.look()
-        leftovers = staged(machine)
         launcher = machine.launch(
             command=r.command, environment=machine.environment | {"PATH": str(tools.PATH)}
         )
@@ -352,7 +348,7 @@ def play(name, fault):
             )
             for wait, limit in zip(r.service.waits, fault.limits):
                 assert limit - 3 <= wait <= limit + 10, f"it waited {wait} s, not {limit} s"
-        left = staged(machine) - (leftovers if found != "new" else set())
+        left = {path for path in staged(machine) if found == "new" or not is_planted(path)}
         assert (
             not left or status == -9 and not left & set(r.folder.iterdir())
         ), f"staging files are left: {left}"

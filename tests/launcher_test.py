@@ -227,7 +227,7 @@ def end_while(how, thread):
 
         def progress():
             assert launcher.poll() is None, f"ended with {launcher.returncode} under its thread"
-            staged = sum(path.stat().st_size for path in machine.folder.glob(".KR.download.*"))
+            staged = sum(path.stat().st_size for path in machine.folder.glob(".KR.download"))
             return staged >> 20 if thread == "downloading" else len(machine.service.requests)
 
         before = state(machine.companion)
