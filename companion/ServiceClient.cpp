@@ -46,11 +46,18 @@ bool onlyHeader(CURL *handle, const char *name, const char *value) {
     return found == CURLHE_OK && header->amount == 1 && curl_strequal(header->value, value);
 }
 
-// Whether what was received is the file itself. No coding was asked for. libcurl does not undo a
-// content coding, and its releases differ in what they make of a transfer coding other than
-// "chunked", and of one that is cut.
-bool cameUncoded(CURL *handle) {
-    return onlyHeader(handle, "Content-Encoding", "identity") &&
+// Whether what was received is the file itself, and all of it. No coding was asked for. libcurl
+// does not undo a content coding, and its releases differ in what they make of a transfer coding
+// other than "chunked", and of one that is cut. Of several lengths it takes the last, of "350, 700"
+// the first number, and one beyond 63 bits counts as none.
+bool isWholeFile(CURL *handle) {
+    long status = 0;
+    curl_off_t received = 0;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(handle, CURLINFO_SIZE_DOWNLOAD_T, &received);
+    return status == 200 &&
+           onlyHeader(handle, "Content-Length", std::to_string(received).c_str()) &&
+           onlyHeader(handle, "Content-Encoding", "identity") &&
            onlyHeader(handle, "Transfer-Encoding", "chunked");
 }
 
@@ -113,9 +120,7 @@ void downloadSetup(const std::string &fileName, const std::string &target) try {
     curl_easy_setopt(handle.get(), CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond);
     curl_easy_setopt(handle.get(), CURLOPT_LOW_SPEED_TIME, kStallSeconds);
     const CURLcode result = curl_easy_perform(handle.get());
-    long status = 0;
-    curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
-    const bool whole = result == CURLE_OK && status == 200 && cameUncoded(handle.get());
+    const bool whole = result == CURLE_OK && isWholeFile(handle.get());
     handle.reset();
 
     if (whole)

@@ -22,12 +22,12 @@ AppVersion parseServiceAnswer(const std::string &answer);
 AppVersion getServiceVersion(const std::string &applicationCode);
 
 // Downloads the file of this name over the file at target (a full path). If the request ends
-// without an error, with status 200, at least one byte and no coding but chunks, the target then
-// holds exactly the bytes received and has mode 0755. Otherwise the target is left as it was. No
-// request is made when the target cannot be replaced (see StagedFile). Gives up when resolving the
-// host's name and connecting take more than 15 s, or when less than 1 KiB/s arrives for 30 s; above
-// that a download may take any time. An answer with neither a length nor chunks is taken as whole
-// wherever it ends.
+// without an error, with status 200, at least one byte, no length but the number of bytes received
+// and no coding but chunks, the target then holds exactly these bytes and has mode 0755. Otherwise
+// the target is left as it was. No request is made when the target cannot be replaced (see
+// StagedFile). Gives up when resolving the host's name and connecting take more than 15 s, or when
+// less than 1 KiB/s arrives for 30 s; above that a download may take any time. An answer with
+// neither a length nor chunks is taken as whole wherever it ends.
 void downloadSetup(const std::string &fileName, const std::string &target);
 
 // The version request's write callback (CURLOPT_WRITEFUNCTION(3)): appends the size * count bytes

@@ -226,6 +226,18 @@ def no_length(handler, content):
 
 
 @fault
+def lengths(handler, content, *lengths):
+    """Half of a good answer, in good order, with lengths that may name {half} and {whole}."""
+    half = len(content) // 2
+    handler.send_response(200)
+    for length in lengths:
+        handler.send_header("Content-Length", length.format(half=half, whole=len(content)))
+    handler.end_headers()
+    handler.wfile.write(content[:half])
+    handler.request.unwrap()
+
+
+@fault
 def reset(handler, content, offset):
     """A TCP reset after so many bytes."""
     handler.begin(content, offset)

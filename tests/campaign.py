@@ -217,9 +217,6 @@ FAULTS = {
     "download: empty": Fault(answer("download", service.body(b""))),
     "download: redirect": Fault(answer("download", service.redirect()), downloads=1),
     "download: partial": Fault(answer("download", service.status(206))),
-    "download: wrong host": Fault(
-        answer("version", service.and_then(certificate="wrong-host")), **NOT_ASKED
-    ),
     "disk: full": Fault(full_disk),
     "disk: rename fails": Fault(
         meanwhile("cd KR.app/Contents/MacOS; mount --bind . ."), downloads=1
@@ -251,6 +248,16 @@ FAULTS = {
 }
 for name in ("expired", "self-signed", "wrong-host"):
     FAULTS[f"certificate: {name}"] = Fault(change(certificate=name), **NO_START)
+    FAULTS[f"download: {name}"] = Fault(
+        answer("version", service.and_then(certificate=name)), **NOT_ASKED
+    )
+for name, lengths in {
+    "two lengths": ["{whole}", "{half}"],
+    "list of lengths": ["{half}, {whole}"],
+    "no number": ["{half}xyz"],
+    "beyond 63 bits": ["9" * 20],
+}.items():
+    FAULTS[f"download: {name}"] = Fault(answer("download", service.lengths(*lengths)), downloads=1)
 for call in ("fsync", "fchmod"):
     FAULTS[f"disk: {call} fails"] = Fault(failing_call(call, "EIO"))
 for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
