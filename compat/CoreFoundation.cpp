@@ -16,11 +16,6 @@ const SystemObject *object(CFTypeRef reference) {
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
 
-__CFDictionary::~__CFDictionary() {
-    for (const auto &[key, value] : values)
-        delete value;
-}
-
 // A constant string is represented by the address of its text.
 CFStringRef __CFStringMakeConstantString(const char *text) {
     return reinterpret_cast<CFStringRef>(text);
@@ -28,7 +23,7 @@ CFStringRef __CFStringMakeConstantString(const char *text) {
 
 const void *CFDictionaryGetValue(CFDictionaryRef dictionary, const void *key) {
     const auto found = dictionary->values.find(static_cast<const char *>(key));
-    return found == dictionary->values.end() ? nullptr : found->second;
+    return found == dictionary->values.end() ? nullptr : found->second.get();
 }
 
 CFTypeID CFGetTypeID(CFTypeRef reference) {

@@ -4,35 +4,20 @@
 #include "SystemObject.h"
 
 #include <X11/extensions/scrnsaver.h>
-#include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
-#include <utility>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr int64_t kNanosecondsPerMillisecond = 1000000;
 
-struct Iterator : SystemObject {
-    bool atEnd = false;
-};
-struct Service : SystemObject {};
-
-// Handles are numbers, as the kernel's are, and few: a caller that does not release them soon gets
-// no more.
-std::mutex g_mutex;
-std::array<std::unique_ptr<SystemObject>, 16> &g_objects =
-    *new std::array<std::unique_ptr<SystemObject>, 16>;
-
-io_object_t handOut(std::unique_ptr<SystemObject> object) {
-    const std::lock_guard lock(g_mutex);
-    const auto free = std::find(g_objects.begin(), g_objects.end(), nullptr);
-    if (free == g_objects.end())
-        return 0;
-    *free = std::move(object);
-    return static_cast<io_object_t>(free - g_objects.begin()) + 1;
+// A handle is the number of a file descriptor, valid until it is released, as the kernel's handles
+// are: an eventfd(2), which counts the services that are left to iterate over.
+io_object_t newHandle(unsigned servicesLeft) {
+    const int descriptor = eventfd(servicesLeft, EFD_NONBLOCK | EFD_CLOEXEC);
+    return descriptor < 0 ? 0 : static_cast<io_object_t>(descriptor);
 }
 
 using DisplayConnection = std::unique_ptr<Display, decltype(&XCloseDisplay)>;
@@ -67,19 +52,13 @@ kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching
     const std::unique_ptr<const __CFDictionary> consumed(matching);
     if (!std::getenv("DISPLAY"))
         return KERN_FAILURE;
-    auto iterator = std::make_unique<Iterator>();
-    iterator->atEnd = !consumed->values.contains("IOHIDSystem") || !connect();
-    *existing = handOut(std::move(iterator));
+    *existing = newHandle(consumed->values.contains("IOHIDSystem") && connect() ? 1 : 0);
     return *existing ? KERN_SUCCESS : KERN_FAILURE;
 }
 
 io_object_t IOIteratorNext(io_iterator_t iterator) {
-    {
-        const std::lock_guard lock(g_mutex);
-        if (std::exchange(static_cast<Iterator &>(*g_objects.at(iterator - 1)).atEnd, true))
-            return 0;
-    }
-    return handOut(std::make_unique<Service>());
+    eventfd_t left = 0;
+    return eventfd_read(static_cast<int>(iterator), &left) == 0 ? newHandle(0) : 0;
 }
 
 kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t,
@@ -90,12 +69,12 @@ kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t,
         return KERN_FAILURE;
     auto table = std::make_unique<__CFDictionary>();
     if (const int64_t idle = idleMilliseconds(display.get()); idle >= 0)
-        table->values["HIDIdleTime"] = new __CFNumber(idle * kNanosecondsPerMillisecond);
+        table->values["HIDIdleTime"] =
+            std::make_unique<__CFNumber>(idle * kNanosecondsPerMillisecond);
     *properties = table.release();
     return KERN_SUCCESS;
 }
 
 kern_return_t IOObjectRelease(io_object_t object) {
-    const std::lock_guard lock(g_mutex);
-    return std::exchange(g_objects.at(object - 1), nullptr) ? KERN_SUCCESS : KERN_FAILURE;
+    return close(static_cast<int>(object)) == 0 ? KERN_SUCCESS : KERN_FAILURE;
 }

@@ -3,6 +3,7 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <map>
+#include <memory>
 #include <string>
 
 struct SystemObject {
@@ -19,6 +20,5 @@ struct __CFNumber : SystemObject {
 
 // Owns its values; keys are constant strings.
 struct __CFDictionary : SystemObject {
-    ~__CFDictionary() override;
-    std::map<std::string, SystemObject *> values;
+    std::map<std::string, std::unique_ptr<SystemObject>> values;
 };

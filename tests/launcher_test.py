@@ -72,6 +72,9 @@ def test_not_newer_does_nothing_and_one_launcher_lives():
         until(lambda: [process.poll() for process in crowd].count(0) == 11, "all but one end")
         until(AGENT.exists, "start-up is complete")
         assert machine.service.order() == ["KR_CAP", "Korvane_CAP"] and companions() == [pid]
+        look = ["xdotool", "search", "--onlyvisible", "--name", ".*"]
+        shown = subprocess.run(look, env=machine.environment, capture_output=True, text=True).stdout
+        assert len(shown.split()) == 1, "only the root window is shown"
         assert state(machine.companion) == before and LOCK.stat().st_mode == 0o100666
 
         PATH_TRACE.unlink()
@@ -142,6 +145,18 @@ def test_every_way_to_start_finds_the_folder():
             ], command
             end(process)
             AGENT.unlink()
+
+        # A path that is too long is none: the folder is then the root.
+        deep = HOME.joinpath(*["d" * 200] * 15)
+        deep.mkdir(parents=True)
+        (deep / "link").symlink_to(launcher)
+        machine.offer("0.0", launcher="0.0")
+        process = machine.launch(command=["./" * 1000 + "link"], quickly=True, cwd=deep)
+        until(lambda: AGENT.exists() and AGENT.read_text().endswith("</plist>\n"), "start-up")
+        size = len(f"{deep}/") + 2005
+        assert PATH_TRACE.read_text() == f"ret: -1\nraw path: \nsize: {size}\n"
+        assert plistlib.loads(AGENT.read_bytes())["ProgramArguments"] == ["/Korvane"]
+        end(process)
 
         shutil.move(folder / "Korvane.app", HOME)
         process = machine.launch(program)

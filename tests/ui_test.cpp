@@ -143,7 +143,9 @@ std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
 }
 
 TEST_F(Window, IsBuiltAsDesigned) {
+    fs::remove("/tmp/korvane_debug.txt");
     build();
+    EXPECT_TRUE(fs::exists("/tmp/korvane_debug.txt")) << "the path trace";
     EXPECT_EQ(describe(window->GetSizer()), R"(
 0 2030 0 wxStaticLine '' -1x-1 10 400 #000000
 1 2000 0 row
@@ -258,10 +260,11 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     EXPECT_TRUE(window->IsShown() &&
                 window->restored); // by the click itself, before anything else happens
 
+    window->Hide();
     window->raised = false;
     wxIconizeEvent restored(window->GetId(), false);
     window->ProcessWindowEvent(restored);
-    EXPECT_TRUE(window->raised);
+    EXPECT_TRUE(window->raised && window->IsShown());
 }
 
 // The last one: it leaves other pictures beside the executable.

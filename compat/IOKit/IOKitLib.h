@@ -28,7 +28,7 @@ extern const mach_port_t kIOMainPortDefault;
 CFMutableDictionaryRef IOServiceMatching(const char *name);
 
 // Stores a new iterator over the services that match. Consumes the dictionary even when it fails.
-// Fails when DISPLAY is not set, or when 16 objects have not been released.
+// Fails when DISPLAY is not set.
 kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
                                            io_iterator_t *existing);
 

@@ -21,7 +21,8 @@ dispatch_semaphore_t dispatch_semaphore_create(intptr_t value);
 // DISPATCH_TIME_FOREVER.
 intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_time_t limit);
 
-// Adds one to the semaphore's count. Returns non-zero when that wakes a waiting thread, else 0.
+// Adds one to the semaphore's count. Returns 0, also when that wakes a waiting thread, which macOS
+// would tell.
 intptr_t dispatch_semaphore_signal(dispatch_semaphore_t semaphore);
 
 #ifdef __cplusplus

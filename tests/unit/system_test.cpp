@@ -85,6 +85,9 @@ TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     write(trace, std::string(9999, 'x'));
     EXPECT_EQ(getExecutablePath(), self);
     EXPECT_EQ(read(trace), "ret: 0\nraw path: " + self.string() + "\nsize: 4096\n");
+    fs::rename(self, self.string() + ".away"); // it cannot be resolved
+    EXPECT_EQ(getExecutablePath(), self);
+    fs::rename(self.string() + ".away", self);
     write(precious, "content");
     for (const std::string plant : {"ln -s /tmp/precious", "ln /tmp/precious", "mkfifo", "mkdir"}) {
         fs::remove(trace);
