@@ -295,7 +295,8 @@ def snapshot(machine):
         for path in machine.folder.rglob("*")
         if machine.companion.parent not in (path, *path.parents)
     ]
-    return {path: sandbox.state(path) for path in paths if path not in staged(machine)}
+    staging_files = {path for path in staged(machine) if not path.is_symlink()}
+    return {path: sandbox.state(path) for path in paths if path not in staging_files}
 
 
 def outcome(r):

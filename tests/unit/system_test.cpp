@@ -85,9 +85,9 @@ TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
     write(trace, std::string(9999, 'x'));
     EXPECT_EQ(getExecutablePath(), self);
     EXPECT_EQ(read(trace), "ret: 0\nraw path: " + self.string() + "\nsize: 4096\n");
-    fs::rename(self, self.string() + ".away"); // it cannot be resolved
+    fs::rename(self.parent_path(), "away"); // it cannot be resolved
     EXPECT_EQ(getExecutablePath(), self);
-    fs::rename(self.string() + ".away", self);
+    fs::rename("away", self.parent_path());
     write(precious, "content");
     for (const std::string plant : {"ln -s /tmp/precious", "ln /tmp/precious", "mkfifo", "mkdir"}) {
         fs::remove(trace);
@@ -127,6 +127,8 @@ TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
 }
 
 TEST(System, IdleTimeIsTheDisplays) {
+    const auto handles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = handles();
     const auto begin = std::chrono::steady_clock::now();
     const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
     ASSERT_EQ(std::system("xdotool mousemove 10 10"), 0);
@@ -140,6 +142,7 @@ TEST(System, IdleTimeIsTheDisplays) {
         setVariable("DISPLAY", other);
         EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
     }
+    EXPECT_EQ(handles(), before) << "every handle has been released";
 }
 
 } // namespace
