@@ -82,7 +82,7 @@ def download():
     curl = f"curl -sS -o {target}.new {shlex.quote(url)}"
     durable = f"{curl} && sync {target}.new && chmod 755 {target}.new && mv {target}.new {target}"
     commands = {
-        "launcher": f"/build/bench/bench_download {target}",
+        "launcher": f"/build/packaging/service_check {target}",
         "curl": curl,
         "curl, sync, mv": f"sh -c {shlex.quote(durable)}",
     }

@@ -241,56 +241,27 @@ def test_check_bundle_starts_and_ends_the_launcher():
             ), done
 
 
-def test_check_service_tells_what_the_launcher_makes_of_it():
-    program = bytes.fromhex("cffaedfe0c000001") + b"..."
-    table = [
-        ([], {}),
-        (["expired"] * 3, {"certificate": "expired"}),
-        (["status 500"] * 2, {"faults": {"version": service.status(500)}}),
-        (["no redirect", "read 0.0"] * 2, {"faults": {"version": service.redirect()}}),
-        (["no redirect"], {"faults": {"download": service.redirect()}}),
-        (["neither a length nor chunks"], {"faults": {"download": service.no_length()}}),
-        ([], {"faults": {"download": service.chunks()}}),
-        (["g:gzip"], {"faults": {"download": service.chunks(coding="gzip")}}),
-        (
-            ["g:identity,chunked"],
-            {"faults": {"download": service.chunks(transfer="identity, chunked")}},
-        ),
-        (["no executable for arm64"], {"payload": b"#!/bin/sh"}),
-        (["not signed;"], {"codesign": "echo not signed at all; exit 1"}),
-        (["signed ad hoc"], {"codesign": "echo TeamIdentifier=not set"}),
-        (
-            ["but KR.app by none"],
-            {"codesign": f"case $* in *KR.app) exit 1 ;; esac; echo TeamIdentifier={TEAM}"},
-        ),
-    ]
-    answers = {
-        b"404 page not found": "4.0",
-        b"2.6.0.0": "0.0",
-        b"x7": "0.0",
-        b"77\n": "7.0",
-        b'"2\x006.0"': "2.0",
-    }
-    table += [
-        ([f"read {read}:"] * 2, {"faults": {"version": service.body(text)}})
-        for text, read in answers.items()
-    ]
-    table.append(([], {"faults": {"version": service.body(b"\xff2.6.0.0\xff\r\n")}}))
-    command = ["/source/script/check-service", "service.korvane.example", "--companion", "KR.app"]
+def test_service_check_asks_as_the_launcher_does():
+    new, old = pathlib.Path("/root/new"), pathlib.Path("/root/old")
+    old.touch()
+
+    def check(*arguments):
+        command = ["/build/packaging/service_check", *arguments]
+        done = subprocess.run(command, capture_output=True, text=True)
+        return done.returncode, done.stdout
+
     with Machine() as machine:
-        machine.offer("2.6.0.0")
-        for expected, changes in table:
-            environment = apple.install(
-                {"codesign --display": changes.pop("codesign", f"echo TeamIdentifier={TEAM}")}
-            )
-            machine.service.change(
-                **{"certificate": "good", "faults": {}, "payload": program} | changes
-            )
-            done = subprocess.run(command, env=environment, capture_output=True, text=True)
-            wrong = [line for line in done.stdout.splitlines() if line.startswith("WRONG")]
-            assert done.returncode == bool(wrong) and len(wrong) == len(expected), (changes, done)
-            assert all(text in line for text, line in zip(expected, wrong)), (expected, wrong)
-        assert all("User-Agent" not in request.headers for request in machine.service.requests)
+        machine.offer("2.6.1.4", launcher="2.5", payload=b"..." * 1000)
+        assert check() == (0, "KR_CAP 2.6.1.4\nKorvane_CAP 2.5.0.0\n")
+        assert check(new) == (0, "3000 bytes\n") and new.stat().st_mode == 0o100755
+        assert machine.service.order() == ["KR_CAP", "Korvane_CAP", "download"]
+        for wrong in ([old], ["-h"], [new, old]):
+            assert check(*wrong) == (2, "")
+        machine.service.faults["download"] = service.cut(100)
+        new.unlink()
+        assert check(new) == (1, "")
+        machine.offer("2.6", launcher="none")
+        assert check() == (1, "KR_CAP 2.6.0.0\nKorvane_CAP 0.0.0.0\n")
 
 
 # The package over what runs: afterwards the user has one launcher and one companion, the new ones.

@@ -33,7 +33,7 @@ TEST(Text, VersionsParseLikeScanfAndNeverOverflow) {
     }
 }
 
-// docs/integrating.md tells the service's developer the rows for 2.5.
+// docs/integrating.md tells the service's developer some of the rows for 2.5.
 TEST(Text, NewerIsTheAnswerInsideItsEndsByMajorAndMinor) {
     const std::tuple<std::string, bool, std::vector<std::string>> table[] = {
         {"2.5",
