@@ -78,7 +78,7 @@ def spread(result, unit=1, less=0):
 def download():
     """Ours, curl alone, and the commands that keep the same promise."""
     target = DISK / "KR.app/Contents/MacOS/KR"
-    url = f"https://{certificates.HOST}{service.DOWNLOAD_PATH}KR"
+    url = f"https://{certificates.HOST}{service.DOWNLOAD_PATH}"
     curl = f"curl -sS -o {target}.new {shlex.quote(url)}"
     durable = f"{curl} && sync {target}.new && chmod 755 {target}.new && mv {target}.new {target}"
     commands = {
@@ -87,7 +87,7 @@ def download():
         "curl, sync, mv": f"sh -c {shlex.quote(durable)}",
     }
     target.parent.mkdir(parents=True)
-    certificates.make_all()
+    certificates.make_good()
     (certificates.FOLDER / "nginx.conf").write_text(NGINX)
     nginx = subprocess.Popen(["nginx", "-c", certificates.FOLDER / "nginx.conf"])
     runs_by_size = {8: 2, 16: 2} if QUICK else {64: 15, 1024: 7}
@@ -158,7 +158,7 @@ def idle(machine):
     environment = machine.environment | {"PATH": "/usr/bin:/bin"}
     quiet = {"env": environment, "stdout": subprocess.DEVNULL}
     running = {
-        "launcher": machine.launch(environment=environment),
+        "launcher": machine.launch(env=environment),
         "floor": machine.start(["/build/bench/bench_floor"], **quiet),
         "monit": machine.start(["monit", "-I", "-c", MONITRC], **quiet),
     }

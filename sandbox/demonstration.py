@@ -48,7 +48,7 @@ def update(machine):
         f"companion 2.5 runs: process {pid}, {machine.companion.stat().st_size} bytes;"
         " the service offers 2.6"
     )
-    launcher = machine.launch(machine.login_program)
+    launcher = machine.launch([machine.login_program])
     say(
         f"log-in: {machine.login_program.name} in the install folder starts the launcher,"
         f" process {launcher.pid}"
@@ -96,7 +96,7 @@ def quit_by_hand(machine, launcher, pid):
 
 def outdated(machine):
     machine.offer("2.8", launcher="2.8")
-    launcher = machine.launch(machine.login_program)
+    launcher = machine.launch([machine.login_program])
     say(f"next log-in: launcher 2.5 starts, process {launcher.pid}; the service offers 2.8 of both")
     wait_for_companion(machine, "2.8")
     wait_for_end(launcher, 255)

@@ -1,5 +1,4 @@
-"""The machine inside the sandbox: display, service, an installed launcher, a companion and their
-processes.
+"""The machine inside the sandbox: display, service, an installed launcher, a companion.
 
 Used by the demonstration, the tests and the benchmark, as root inside sandbox/enter. The launcher
 and the companion run as the ordinary user "alice".
@@ -11,21 +10,15 @@ import pathlib
 import re
 import shutil
 import subprocess
-import sys
 import time
 
-import certificates
 import service
-import strace
 
 USER = "alice"
 UID = 1000
 AS_ALICE = {"user": UID, "group": UID, "extra_groups": []}
-AS_ROOT = {}
 HOME = pathlib.Path("/home/alice")
 AGENT = HOME / "Library/LaunchAgents/com.mervix.korvane.plist"
-PATH_TRACE = pathlib.Path("/tmp/korvane_debug.txt")
-LOCK = pathlib.Path("/tmp/Korvane.lock")
 COMPANION = (pathlib.Path(__file__).parent / "KR.app/Contents/MacOS/KR").read_text()
 
 
@@ -57,33 +50,21 @@ class Processes(contextlib.ExitStack):
         return process
 
     def start_display(self, *options):
-        """Starts an X server and returns its name and process."""
+        """Starts an X server and returns its name."""
         reader, writer = os.pipe()
-        process = self.start(
-            [
-                "Xvfb",
-                "-displayfd",
-                str(writer),
-                "-ac",
-                "-noreset",
-                "-screen",
-                "0",
-                "1024x768x24",
-                *options,
-            ],
-            identity=AS_ROOT,
-            pass_fds=[writer],
-            stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL,
-        )
+        command = ["Xvfb", "-displayfd", str(writer), "-ac", "-noreset", *options]
+        command += ["-screen", "0", "1024x768x24"]
+        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        self.start(command, identity={}, pass_fds=[writer], **quiet)
         os.close(writer)
         with open(reader) as pipe:
-            return ":" + pipe.readline().strip(), process
+            return ":" + pipe.readline().strip()
 
 
 class Machine(Processes):
-    """A display, the vendor's service, and an install folder with launcher and companion. One for
-    each sandbox.
+    """A display, the vendor's service, and an install folder with launcher and companion.
+
+    One for each sandbox.
     """
 
     def __init__(self, folder="/home/alice/Applications"):
@@ -103,44 +84,32 @@ class Machine(Processes):
         self.flag = self.folder / f"{USER}_ManualExit.txt"
         own(HOME)
         own(self.folder)
-        self.service = self.enter_context(service.Service(certificates.make_all()))
-        display, _ = self.start_display()
+        self.service = self.enter_context(service.Service())
+        display = self.start_display()
         self.environment = os.environ | {"HOME": str(HOME), "USER": USER, "DISPLAY": display}
         return self
 
-    def __exit__(self, error, *details):
-        if error:
-            for trace in sorted(pathlib.Path("/tmp").glob("trace*")):
-                print(f"{trace}:\n{trace.read_text(errors='replace')[-3000:]}", file=sys.stderr)
-        return super().__exit__(error, *details)
-
     def offer(self, companion, launcher="2.5", payload=None):
-        """Sets what the service reports for the companion and the launcher, and the download."""
+        """Sets what the service reports for companion and launcher, and the download."""
         self.service.versions["KR_CAP"] = f'"{companion}"'.encode()
         self.service.versions["Korvane_CAP"] = f'"{launcher}"'.encode()
         self.service.payload = companion_program(companion) if payload is None else payload
 
-    def launch(self, path=None, environment=None, command=None, quickly=False, **options):
-        """Starts the launcher, by another path or command if given. Its output goes to the file at
-        .output.
-
-        With quickly, its sleeps return at once and strace.steps() lists its steps.
-        """
-        command = command or [str(path or self.launcher_path)]
-        if quickly:
-            command = strace.quickly(command)
+    def launch(self, command=None, **options):
+        """Starts the launcher, by its path or by a command. Its output goes to the file at
+        .output."""
         self.launched += 1
         output = pathlib.Path(f"/tmp/trace{self.launched}")
-        environment = environment or self.environment
+        options = {"env": self.environment} | options
         with open(output, "wb") as stream:
-            process = self.start(command, env=environment, stdout=stream, stderr=stream, **options)
+            command = command or [self.launcher_path]
+            process = self.start(command, stdout=stream, stderr=stream, **options)
         process.output = output
         return process
 
     def open(self, bundle):
         """Starts another process of an installed bundle; unlike with launch(), it is not a child of
-        this one.
-        """
+        this one."""
         command = ["open", "-n", str(self.folder / bundle)]
         subprocess.run(command, check=True, env=self.environment, **AS_ALICE)
 
@@ -148,12 +117,6 @@ class Machine(Processes):
         """Starts the installed companion and returns its process id."""
         self.open("KR.app")
         return until(companions, "the companion runs")[0]
-
-
-def state(path):
-    """What does not change while nobody touches a file or folder."""
-    status = path.lstat()
-    return status.st_ino, status.st_mode, status.st_size, status.st_mtime_ns
 
 
 def own(path):
@@ -167,25 +130,23 @@ def end(process):
     process.wait()
 
 
-def processes(name, uid=None):
-    """The ids of the processes of exactly this name, and of this user if one is given, that have
-    not ended.
-    """
+def processes(name, uid=UID):
+    """The ids of a user's processes of exactly this name that have not ended."""
     found = []
     for file in pathlib.Path("/proc").glob("[0-9]*/stat"):
         with contextlib.suppress(OSError):
             pid, shown, condition = re.match(r"(\d+) \((.*)\) (\S)", file.read_text()).groups()
-            if shown == name and condition != "Z" and uid in (None, file.stat().st_uid):
+            if shown == name and condition != "Z" and file.stat().st_uid == uid:
                 found.append(int(pid))
     return sorted(found)
 
 
-def end_all(name):
-    """Kills every process of exactly this name, and waits until none is left."""
-    for pid in processes(name):
+def end_all(name, uid=UID):
+    """Kills a user's processes of exactly this name, and waits until none is left."""
+    for pid in processes(name, uid):
         with contextlib.suppress(ProcessLookupError):
             os.kill(pid, 9)
-    until(lambda: not processes(name), f"no process {name} is left")
+    until(lambda: not processes(name, uid), f"no process {name} is left")
 
 
 def companions():

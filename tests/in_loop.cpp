@@ -1,9 +1,8 @@
-// Runs the launcher's OnInit inside a running event loop, where wxExit returns: Exit() only logs,
-// so the deferred call must end the loop. It also logs what OnInit has not prepared. SIGUSR1 ends
-// the loop too, and SIGUSR2 calls exit(7) from inside it. With an argument g_dlg has a login
-// window, which logs that it is to close, and the slot has a thread, which must be joined first.
-// Sleeps take no time. After everything else has been torn down, the process goes on while somebody
-// else locks /tmp/held: what the supervision thread uses must still be there.
+// Runs the launcher's OnInit inside a running event loop, where wxExit returns, and logs what
+// happens. Sleeps take no time. SIGUSR1 ends the loop, and SIGUSR2 calls exit(7) from inside it.
+// With an argument there is a login window, and a thread in the slot, which must be joined first.
+// After everything has been torn down, the process goes on while somebody else locks /tmp/held:
+// what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
 
@@ -13,18 +12,22 @@
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <gtk/gtk.h>
-#include <iostream>
 #include <sys/file.h>
 #include <wx/app.h>
 #include <wx/image.h>
 
 namespace {
 
+// In one write, which another thread's output cannot split.
+void log(const char *what) {
+    dprintf(STDERR_FILENO, "\nin_loop: %s\n", what);
+}
+
 // Registered before any other constructor runs, so called after every destructor and every other
 // handler.
 __attribute__((constructor(101))) void lingerAtExit() {
     std::atexit([] {
-        std::fputs("torn down\n", stderr);
+        log("torn down");
         flock(open("/tmp/held", O_RDONLY), LOCK_SH);
     });
 }
@@ -34,6 +37,12 @@ gboolean end(void *byExit) {
     return G_SOURCE_REMOVE;
 }
 
+bool isDark() {
+    gboolean dark = FALSE;
+    g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
+    return dark;
+}
+
 wxApp *launcher = nullptr;
 
 class LoopApp : public wxApp {
@@ -41,7 +50,7 @@ class LoopApp : public wxApp {
         if (argc > 1) {
             g_dlg = new LoginDialog(nullptr);
             g_dlg->Bind(wxEVT_CLOSE_WINDOW, [](wxCloseEvent &event) {
-                std::cerr << (event.CanVeto() ? "asked" : "told to close") << std::endl;
+                log(event.CanVeto() ? "asked to close" : "told to close");
             });
             g_threads[0] = std::thread([] {});
         }
@@ -51,18 +60,21 @@ class LoopApp : public wxApp {
                      nullptr);
         CallAfter([] {
             launcher->OnInit();
-            std::fputs(g_threads[0].joinable() ? "supervised\n" : "",
-                       stderr); // in one write, which the thread's own output cannot split
+            log(g_threads[0].joinable() ? "supervised" : "not supervised");
         });
         return true;
     }
     void Exit() override {
-        gboolean dark = TRUE;
-        g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark,
-                     nullptr);
-        std::cerr << "wxExit" << (dark ? ", dark" : "")
-                  << (wxImage::FindHandler("PNG file") ? "" : ", no PNG")
-                  << (g_threads[0].joinable() ? ", not joined" : "") << std::endl;
+        log(g_threads[0].joinable() ? "wxExit before the thread is joined" : "wxExit");
+        if (g_dlg && isDark())
+            log("dark");
+        if (!wxImage::FindHandler("PNG file"))
+            log("no pictures");
+    }
+    void ExitMainLoop() override {
+        if (IsMainLoopRunning()) // not while the process ends
+            log(wxIsMainThread() ? "left" : "left by another thread");
+        wxApp::ExitMainLoop();
     }
 };
 

@@ -17,17 +17,6 @@
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-void supervise(int); // KR_Status, with the two below in the place of the probe and the update
-
-bool noCompanion() {
-    return false;
-}
-
-void failingUpdate() {
-    static int calls = 0;
-    calls++ == 0 ? throw std::bad_alloc() : std::abort();
-}
-
 namespace {
 
 const fs::path folder = fs::current_path(); // the user's home, empty but for settings
@@ -95,10 +84,6 @@ TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
         EXPECT_EQ(getExecutablePath(), self);
         EXPECT_EQ(read(precious), "content");
     }
-}
-
-TEST(System, SupervisionEndsWhenAnUpdateThrows) {
-    supervise(1);
 }
 
 TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {

@@ -1,0 +1,144 @@
+"""Faults of the vendor's service: what it does in place of a good answer."""
+
+import contextlib
+import socket
+import struct
+
+import certificates
+import service
+
+
+def fault(function):
+    """Makes cut(1000) return a function that plays the fault, given the handler and the answer."""
+    return lambda *details, **named: lambda handler, content: function(
+        handler, content, *details, **named
+    )
+
+
+def connection_lost():
+    """The client may go away while this is sent."""
+    return contextlib.suppress(OSError)
+
+
+@fault
+def once(handler, content, play=None, **faults):
+    """This fault or a good answer, and these faults from then on."""
+    handler.server.faults = faults
+    play(handler, content) if play else handler.send(200, content)
+
+
+@fault
+def status(handler, content, number):
+    """Another status, with the same content as its body."""
+    handler.send(number, content)
+
+
+@fault
+def body(handler, content, text):
+    """A good answer with another body."""
+    handler.send(200, text)
+
+
+@fault
+def redirect(handler, content):
+    """A redirect to the download."""
+    handler.head(302, 0, Location=service.DOWNLOAD_PATH)
+
+
+@fault
+def headers(handler, content, *lines, part=1):
+    """A part of a good answer, with these header lines, where {whole} and {part} are its bytes."""
+    sent = content[: int(len(content) * part)]
+    handler.send_response(200)
+    for line in lines:
+        handler.send_header(*line.format(whole=len(content), part=len(sent)).split(": "))
+    handler.end_headers()
+    handler.wfile.write(sent)
+    handler.request.unwrap()
+
+
+def cut(offset):
+    """The length of a good answer, of which so many bytes come, and a close in good order."""
+    return lambda handler, content: headers("Content-Length: {whole}", part=offset / len(content))(
+        handler, content
+    )
+
+
+@fault
+def chunks(handler, content, pack=bytes, last=b"0\r\n\r\n", **headers):
+    """A good answer in one chunk, packed by this function, and the last chunk, which is empty."""
+    packed = pack(content)
+    handler.head(200, **{"Transfer_Encoding": "chunked"} | headers)
+    handler.wfile.write(b"%x\r\n%s\r\n" % (len(packed), packed) + last)
+
+
+@fault
+def reset(handler, content, offset):
+    """A TCP reset after so many bytes."""
+    begin(handler, content, offset)
+    handler.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    handler.request.close()
+
+
+@fault
+def meanwhile(handler, content, act, offset=0):
+    """A good answer; after so many bytes of it, something else happens."""
+    begin(handler, content, offset)
+    act(handler)
+    with connection_lost():
+        handler.wfile.write(content[offset:])
+
+
+def pause(seconds, offset=0):
+    """A good answer with a pause after so many bytes."""
+    return meanwhile(lambda handler: wait(handler, seconds), offset)
+
+
+@fault
+def trickle(handler, content, bytes_per_second):
+    """A good answer that comes slowly."""
+    begin(handler, content, 0)
+    step = bytes_per_second // 2
+    with connection_lost():
+        for offset in range(0, len(content), step):
+            handler.wfile.write(content[offset : offset + step])
+            wait(handler, 0.5)
+
+
+@fault
+def endless(handler, content):
+    """An answer without end."""
+    handler.head(200)
+    with connection_lost():
+        while not wait(handler, 0.001):  # fast, yet not so fast that it fills the sandbox at once
+            handler.wfile.write(b"9" * 16384)
+
+
+@fault
+def late_handshake(handler, _, seconds):
+    """A connection that is accepted, and answered late."""
+    wait(handler, seconds)
+
+
+@fault
+def certificate(handler, _, name):
+    """A certificate that the launcher must not trust."""
+    host, signer, command = certificates.HOST, certificates.SIGNED, ["openssl"]
+    if name == "wrong-host":
+        host = "other.example"
+    elif name == "expired":
+        command = ["faketime", "2020-01-01", "openssl"]
+    elif name == "self-signed":
+        signer = []
+    certificates.make(name, host, *signer, command=command)
+    handler.server.context = certificates.context(name)
+
+
+def begin(handler, content, offset):
+    """A good answer's head and its first bytes."""
+    handler.head(200, len(content))
+    handler.wfile.write(content[:offset])
+
+
+def wait(handler, seconds):
+    return handler.server.ending.wait(seconds)

@@ -1,0 +1,413 @@
+"""The fault campaign: whatever goes wrong, the installed executable is the old one or the new one.
+
+Sizes, offsets and moments are drawn from SEED.
+"""
+
+import collections
+import gzip
+import os
+import pathlib
+import re
+import resource
+import shutil
+import socket
+import subprocess
+
+import faults
+import machine as sandbox
+import pytest
+import strace
+import tools
+from machine import AGENT, until
+
+OLD = sandbox.companion_program("2.5")
+LEFTOVER = OLD[:300]  # what a killed launcher left, in both places
+LOCK = pathlib.Path("/tmp/Korvane.lock")
+MARKER = "../../../Korvane.app/Contents/Resources/Korvane.version"
+
+# What is expected: which executable is installed, how often the start command has run and the
+# executable was asked for, what lies under the staging file's two names, and how the launcher has
+# ended, if it has.
+Expected = collections.namedtuple("Expected", "executable starts downloads left status")
+NO_UPDATE = Expected("old", 0, 0, "leftovers", None)
+NOT_STAGED = Expected("old", 1, 0, "leftovers", None)
+NOT_ASKED = Expected("old", 1, 0, "nothing", None)
+FAILED = Expected("old", 1, 1, "nothing", None)
+NEW = Expected("new", 1, 1, "nothing", None)
+OUTDATED = NEW._replace(status=255)
+KILLED = Expected("old", 0, 1, "part", -9)
+KILLED_LATE = KILLED._replace(left="whole")
+
+
+class Round:
+    """What a fault is made with."""
+
+    def __init__(self, machine, chance):
+        self.machine, self.service, self.chance = machine, machine.service, chance
+        self.target, self.folder = machine.companion, machine.companion.parent
+        self.staging_paths = self.folder / "KR.download", machine.folder / ".KR.download"
+        self.payload = sandbox.companion_program("2.6", chance.randrange(20_000, 400_000))
+        self.offset = chance.randrange(1, len(self.payload))
+        self.environment = machine.environment | {"PATH": str(tools.PATH)}
+        self.command = [machine.launcher_path]
+        self.came_about = lambda: True
+
+    def staged(self):
+        """What lies under the staging file's names."""
+        return [path.read_bytes() for path in self.staging_paths if path.exists()]
+
+    def executable(self):
+        """What is installed: "old", untouched, "new", "absent" or "folder"."""
+        if not self.target.exists():
+            return "absent"
+        if self.target.is_dir():
+            return "folder"
+        content = self.target.read_bytes()
+        if content == OLD and state(self.target) == self.old:
+            return "old"
+        return (
+            "new" if (content, self.target.stat().st_mode) == (self.payload, 0o100755) else content
+        )
+
+    def look(self):
+        """Notes what must not change from now on."""
+        self.old = self.target.exists() and state(self.target)
+        self.around = self.surroundings()
+
+    def surroundings(self):
+        """Everything in the install folder but the executable's folder and the staging file."""
+        inside = self.machine.folder.rglob("*")
+        paths = [path for path in inside if self.folder not in (path, *path.parents)]
+        return {path: state(path) for path in paths if path.name != ".KR.download"}
+
+
+def state(path):
+    """What does not change while nobody touches a file or folder."""
+    status = path.lstat()
+    return status.st_ino, status.st_mode, status.st_size, status.st_mtime_ns
+
+
+def install_old(target):
+    target.write_bytes(OLD)
+    target.chmod(0o700)
+    os.utime(target, ns=(10**18, 10**18))
+    sandbox.own(target.parent)
+
+
+def answer(kind, fault):
+    def bring_about(r):
+        r.service.faults[kind] = fault
+        r.came_about = lambda: kind in r.service.played
+
+    return bring_about
+
+
+def then(kind, fault):
+    """A good version, and this fault from then on."""
+
+    def bring_about(r):
+        answer(kind, None)(r)
+        r.service.faults = {"version": faults.once(**{kind: fault})}
+
+    return bring_about
+
+
+def part_of(kind, make):
+    """A fault after a part of the answer; after enough of a version to read as a newer one."""
+
+    def bring_about(r):
+        if kind == "version":
+            r.machine.offer("99.9.9.9", launcher="99.9.9.9")
+            r.offset = r.chance.randrange(3, 9)
+        answer(kind, make(r.offset))(r)
+
+    return bring_about
+
+
+def large(size, fault):
+    """A fault of a download of this size."""
+
+    def bring_about(r):
+        r.payload = r.service.payload = sandbox.companion_program("2.6", size)
+        answer("download", fault)(r)
+
+    return bring_about
+
+
+def shell(command):
+    """A command in the executable's folder."""
+    return lambda r: subprocess.run(["sh", "-ec", command], check=True, cwd=r.folder)
+
+
+def in_download(act):
+    """Something that happens once the first part of a download has been staged."""
+
+    def bring_about(r):
+        def when_staged(_):
+            until(lambda: r.payload[: r.offset] in r.staged(), "a part is staged")
+            act(r)
+
+        answer("download", faults.meanwhile(when_staged, r.offset))(r)
+
+    return bring_about
+
+
+def meanwhile(command):
+    """A command in the install folder, in the middle of a download."""
+
+    def act(r):
+        subprocess.run(["sh", "-ec", command], check=True, cwd=r.machine.folder)
+        r.look()
+
+    return in_download(act)
+
+
+def killed_before_download(r):
+    tools.replace("pkill", "/usr/bin/pkill -KILL -x Korvane")
+    r.came_about = lambda: tools.calls("pkill")
+
+
+def system_call(call, how):
+    """A system call of the replacement fails, or kills the launcher."""
+
+    def bring_about(r):
+        r.command = strace.injecting(call, how, r.command)
+        r.came_about = lambda: "signal" in how or "INJECTED" in strace.LOG.read_text()
+
+    return bring_about
+
+
+def certificate(bring_about, name, reason):
+    """A certificate that is refused for this reason."""
+
+    def refused(r):
+        bring_about("connect", faults.certificate(name))(r)
+        r.came_about = lambda: reason in r.launcher.output.read_text()
+
+    return refused
+
+
+def long_version(size):
+    """A version that goes on in blanks to this size."""
+    return lambda r: r.service.versions.update(KR_CAP=b'"2.6' + b" " * (size - 5) + b'"')
+
+
+def silent_name_servers(r):
+    """The system's resolver asks three of them in turn, twice, and then again for the name in the
+    search domain: for almost a minute."""
+    servers = {f"127.0.0.{number}": socket.socket(type=socket.SOCK_DGRAM) for number in (2, 3, 4)}
+    for address, server in servers.items():
+        server.bind((address, 53))
+        server.setblocking(False)
+    queries = []
+
+    def came_about():
+        for server in servers.values():
+            with faults.connection_lost():
+                while True:
+                    queries.append(server.recv(512))
+        in_search_domain = sum(b"elsewhere" in query for query in queries)
+        assert in_search_domain <= 8, "the launcher waits until the resolver gives up, at 12"
+        return queries
+
+    lines = "".join(f"nameserver {address}\n" for address in servers)
+    pathlib.Path("/etc/resolv.conf").write_text("search elsewhere.example\n" + lines)
+    pathlib.Path("/etc/nsswitch.conf").write_text("hosts: dns\n")
+    r.came_about = came_about
+
+
+def full_disk(r):
+    r.staging_paths[1].unlink()  # out of a bundle on another disk nothing can be moved
+    pages = r.chance.randrange(1, len(r.payload) // 4096)
+    size = f"size={4096 * (pages + 1)},uid={sandbox.UID}"  # the old executable takes one
+    subprocess.run(["mount", "-t", "tmpfs", "-o", size, "none", r.folder], check=True)
+    install_old(r.target)
+    write_failed = "Failure writing|ERROR on write"
+    r.came_about = lambda: re.search(write_failed, r.launcher.output.read_text())
+
+
+def running(r):
+    """A program that goes on running cannot be opened for writing, only replaced."""
+    (tools.PATH / "pkill").unlink()
+    shutil.copy("/usr/bin/sleep", r.target)
+    process = r.machine.start([r.target, "1000"])
+    r.came_about = lambda: process.poll() is None
+
+
+def another_launcher(r):
+    """Without a lock, a second launcher installs something newer in the middle of a download."""
+    LOCK.touch(0o600)
+
+    def act(r):
+        r.service.faults.clear()
+        r.payload = r.service.payload = sandbox.companion_program("2.7", 10_000)
+        r.machine.launch(env=r.environment)
+        until(lambda: r.target.read_bytes() == r.payload, "the newer one is installed")
+
+    in_download(act)(r)
+
+
+def no_streams(r):
+    r.command = ["/bin/sh", "-c", 'exec "$0" <&- >&- 2>&-', r.machine.launcher_path]
+    r.came_about = lambda: r.launcher.output.read_text() == ""
+
+
+def cut_gzip(content):
+    return gzip.compress(content)[:-20]
+
+
+def length(value, part=1):
+    return faults.headers(f"Content-Length: {value}", part=part)
+
+
+# Those that sleep longest come first, which is the order that CTest starts them in on a new
+# machine. Limits are played from both sides, within a fifth: 15 s for a handshake, 30 s for a
+# version and for what may come slower than 1024 bytes a second, 64 KiB for a version.
+ROUNDS = {
+    "download: slow": (large(54_000, faults.trickle(1200)), NEW),
+    "download: too slow": (large(54_000, faults.trickle(850)), FAILED),
+    "handshake: late": (answer("connect", faults.late_handshake(12.5)), NEW),
+    "handshake: too late": (answer("connect", faults.late_handshake(17.5)), NO_UPDATE),
+    "download: handshake too late": (then("connect", faults.late_handshake(17.5)), NOT_ASKED),
+    "name: servers are silent": (silent_name_servers, NO_UPDATE),
+    "version: late": (answer("version", faults.once(faults.pause(26))), NEW),
+    "version: too late": (answer("version", faults.once(faults.pause(34, 6))), NO_UPDATE),
+    "download: pauses": (large(50_000, faults.pause(26, 500)), NEW),
+    "download: pauses too long": (large(50_000, faults.pause(34, 500)), FAILED),
+    "download: length": (answer("download", faults.headers("Content-Length: {whole}")), NEW),
+    "version: long": (long_version(64 << 10), NEW),
+    "version: too long": (long_version((64 << 10) + 1), NO_UPDATE),
+    "version: endless": (answer("version", faults.endless()), NO_UPDATE),
+    "version: redirect": (answer("version", faults.redirect()), NO_UPDATE),
+    "version: reset": (part_of("version", faults.reset), NO_UPDATE),
+    "version: cut": (part_of("version", faults.cut), NO_UPDATE),
+    "version: chunks, cut": (answer("version", faults.chunks(last=b"")), NO_UPDATE),
+    "version: error with a version": (answer("version", faults.status(500)), NEW),
+    "download: reset": (part_of("download", faults.reset), FAILED),
+    "download: cut": (part_of("download", faults.cut), FAILED),
+    "download: chunks": (answer("download", faults.chunks()), NEW),
+    "download: chunks, cut": (answer("download", faults.chunks(last=b"")), FAILED),
+    "download: no length": (answer("download", faults.headers()), NEW),
+    "download: empty": (answer("download", faults.headers("Content-Length: 0", part=0)), FAILED),
+    "download: redirect": (answer("download", faults.once(faults.redirect())), FAILED),
+    "download: partial": (answer("download", faults.status(206)), FAILED),
+    "folder: read-only": (shell("chmod 555 ."), NOT_STAGED),
+    "folder: in the target's place": (
+        shell("rm KR; install -d -o alice KR"),
+        NOT_STAGED._replace(executable="folder"),
+    ),
+    "folder: bundle's is read-only": (shell("cd ../../..; rm .KR.download; chmod 555 ."), NEW),
+    "folder: bundle is swapped": (meanwhile("cp -a KR.app new; rm -r KR.app; mv new KR.app"), NEW),
+    "folder: missing": (
+        shell("rm -r ../MacOS ../../../.KR.download"),
+        NOT_STAGED._replace(executable="absent", left="nothing"),
+    ),
+    "target: missing": (shell("rm KR"), NEW),
+    "target: read-only": (shell("chmod 444 KR"), NOT_STAGED),
+    "target: becomes read-only": (meanwhile("chmod 444 KR.app/Contents/MacOS/KR"), FAILED),
+    "target: another user's": (shell("chown root . KR; chmod 1777 ."), NOT_STAGED),
+    "target: goes on running": (running, NEW),
+    "staging file: a link": (
+        meanwhile("mv .KR.download ~alice; ln -s ~alice/.KR.download ."),
+        FAILED._replace(left="whole"),
+    ),
+    "staging file: another launcher's": (another_launcher, NEW._replace(starts=2, downloads=2)),
+    "disk: full": (full_disk, FAILED),
+    "disk: rename fails": (meanwhile("cd KR.app/Contents/MacOS; mount --bind . ."), FAILED),
+    "disk: flush fails": (system_call("fsync", "error=EIO:when=1"), FAILED),
+    "disk: mode fails": (system_call("fchmod", "error=EIO"), FAILED),
+    "killed: before the download": (
+        killed_before_download,
+        KILLED._replace(downloads=0, left="leftovers"),
+    ),
+    "killed: in the download": (in_download(lambda r: sandbox.end_all("Korvane")), KILLED),
+    "killed: before the flush": (system_call("fsync", "signal=KILL:when=1"), KILLED_LATE),
+    "killed: before the rename": (system_call("/^rename", "signal=KILL:when=2"), KILLED_LATE),
+    "killed: after the rename": (
+        system_call("fsync", "signal=KILL:when=2"),
+        NEW._replace(starts=0, status=-9),
+    ),
+    "display: lost": (
+        in_download(lambda r: sandbox.end_all("Xvfb", uid=0)),
+        NEW._replace(status=1),
+    ),
+    "streams: closed": (no_streams, NEW),
+    "marker: pipe": (shell(f"rm {MARKER}; mkfifo {MARKER}"), OUTDATED),
+    "marker: endless line": (
+        shell(f"truncate --size 0 {MARKER}; truncate --size 1G {MARKER}"),
+        OUTDATED,
+    ),
+}
+for name, reason in {
+    "expired": "certificate has expired",
+    "self-signed": "self-signed certificate",
+    "wrong-host": "no alternative certificate subject name matches",
+}.items():
+    ROUNDS[f"version: {name}"] = certificate(answer, name, reason), NO_UPDATE
+    ROUNDS[f"download: {name}"] = certificate(then, name, reason), NOT_ASKED
+for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
+    ROUNDS[f"disk: no cache flush, {error}"] = system_call("fsync", f"error={error}:when=1"), NEW
+for name, fault in {
+    "content coding": faults.chunks(gzip.compress, Content_Encoding="gzip"),
+    "transfer coding": faults.chunks(gzip.compress, Transfer_Encoding="gzip, chunked"),
+    "transfer coding, cut": faults.chunks(cut_gzip, Transfer_Encoding="gzip, chunked"),
+    "two lengths": faults.headers("Content-Length: {whole}", "Content-Length: {part}", part=0.5),
+    "list of lengths": faults.headers("Content-Length: {part}, {whole}", part=0.5),
+    "length and more": faults.headers("Content-Length: {part}xyz", part=0.5),
+    "length too long": faults.headers("Content-Length: 99999999999999999999", part=0.5),
+    "length and chunks": faults.chunks(Content_Length=7),
+}.items():
+    ROUNDS[f"download: {name}"] = answer("download", fault), FAILED
+
+
+IN_MEMORY = re.compile("download: (cut|reset|chunks)|killed: in the download|disk: full|.* a link")
+
+
+@pytest.mark.parametrize(
+    "name",
+    [
+        pytest.param(name, marks=[pytest.mark.memory] * bool(IN_MEMORY.match(name)))
+        for name in ROUNDS
+    ],
+)
+def test_round(machine, chance, name):
+    bring_about, expected = ROUNDS[name]
+    r = Round(machine, chance)
+    install_old(r.target)
+    for path in r.staging_paths:
+        path.write_bytes(LEFTOVER)
+    machine.offer("2.6.0.0", payload=r.payload)
+    bring_about(r)
+    r.look()
+    r.launcher = machine.launch(r.command, env=r.environment)
+
+    def is_over():
+        if expected.status is not None:
+            return r.launcher.poll() is not None
+        return AGENT.exists() and len(tools.calls("open")) >= expected.starts
+
+    until(is_over, "the end of start-up or launcher")
+    status = r.launcher.poll()
+    sandbox.end_all("Korvane")
+    until(r.came_about, "the fault comes about")
+    left = {
+        "nothing": [],
+        "leftovers": [LEFTOVER] * 2,
+        "part": [r.payload[: r.offset]],
+        "whole": [r.payload],
+    }[expected.left]
+    starts, downloads = len(tools.calls("open")), r.service.order().count("download")
+    assert Expected(r.executable(), starts, downloads, r.staged(), status) == expected._replace(
+        left=left
+    )
+    assert r.surroundings() == r.around, "something else has changed"
+    assert LOCK.read_bytes() == b"", "something was written to the lock file"
+    # Reading an endless answer or marker takes more.
+    assert resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss < 160 * 1024
+
+    if status == -9:  # the next launcher replaces what this one has left
+        r.service.faults.clear()
+        tools.install()
+        machine.launch(env=r.environment)
+        until(AGENT.exists, "the next start-up is complete")
+        assert (r.executable(), r.staged()) == ("new", [])

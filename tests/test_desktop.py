@@ -1,0 +1,45 @@
+"""The programs in C++ that need a desktop: X server, window manager (openbox), tray."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+
+import machine as sandbox
+import pytest
+from machine import HOME
+
+FOLDER = HOME / "program"
+
+
+@pytest.mark.parametrize(
+    "program, arguments",
+    [
+        pytest.param("meanings_tests", ["/build/login_program/Korvane"], id="meanings"),
+        pytest.param("system_tests", [], id="system", marks=pytest.mark.memory),
+        pytest.param("window_tests", [], id="window", marks=pytest.mark.memory),
+    ],
+)
+def test_program(program, arguments):
+    """Runs as alice, from a folder of its own with the launcher's pictures. Its pictures are kept.
+    A second X server does not count the time since the last input."""
+    FOLDER.mkdir(parents=True)
+    for file in (f"/build/tests/{program}", *pathlib.Path("/source/ui/art").glob("*.[bp][mn][pg]")):
+        shutil.copy(file, FOLDER)
+    sandbox.own(HOME)
+    with sandbox.Processes() as processes:
+        environment = os.environ | {
+            "DISPLAY": processes.start_display(),
+            "DISPLAY_WITHOUT_IDLE_TIME": processes.start_display("-extension", "MIT-SCREEN-SAVER"),
+            "HOME": str(HOME),
+            "USER": sandbox.USER,
+        }
+        quiet = {"env": environment, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        processes.start(["openbox", "--startup", "wmsystemtray"], **quiet)
+        look = ["xdotool", "search", "--onlyvisible", "--class", "wmsystemtray"]
+        sandbox.until(lambda: subprocess.run(look, **quiet).returncode == 0, "the tray is shown")
+        command = [FOLDER / program, *arguments]
+        done = subprocess.run(command, env=environment, cwd=HOME, **sandbox.AS_ALICE)
+    for picture in HOME.glob("*.png"):
+        shutil.copy(picture, "/out")
+    assert done.returncode == 0
