@@ -1,6 +1,5 @@
-// The launcher's process-wide state. It is defined in the main source file, beside `main`.
-//
-// None of it is ever destroyed: the supervision thread may be using it when the process ends.
+// The launcher's process-wide state, defined beside `main`. It is never destroyed: the supervision
+// thread may be using it when the process ends.
 #pragma once
 
 #include <array>
@@ -9,20 +8,16 @@
 
 class LoginDialog;
 
-// The one slot holds the supervision thread once start-up has created it. It is never detached and
-// never joined: CheckLauncher would join it, but start-up calls that while the slot is still empty.
-// Main thread only.
+// The supervision thread, once start-up has created it. Nothing detaches it, and nothing joins it:
+// CheckLauncher would, but runs before. Main thread only.
 extern std::array<std::thread, 1> &g_threads;
 
-// Login name of the user who runs the launcher, in the bytes of the environment. Empty until
-// start-up sets it, before it creates the supervision thread. It does not change afterwards, so
-// every thread may read it without a lock. If start-up has not run, readExitCheck sets it.
+// The login name of the user who runs the launcher. Set once, before the supervision thread exists,
+// like filepath: so every thread may read both without a lock.
 extern std::string &uname_windows;
 
-// Install folder: absolute, ends in "/", holds both bundles. Empty until start-up sets it;
-// unchanged afterwards.
+// The install folder, which holds both bundles: absolute, with "/" at the end.
 extern std::string &filepath;
 
-// The login window, or null. Start-up creates none; a caller that creates one puts it here. Main
-// thread only.
+// The login window, or null. Start-up makes none; whoever makes one puts it here. Main thread only.
 extern LoginDialog *g_dlg;

@@ -4,20 +4,15 @@
 
 #include <string>
 
-// Keeps a second launcher out with an exclusive record lock on "/tmp/<name>.lock", held until the
-// process ends (fcntl(2), F_SETLK). Returns true when the lock is refused. Returns false when this
-// process holds it, and also when the lock file cannot be opened or openSharedFile refuses it: a
-// launcher without a lock is better than none.
+// Takes the lock on /tmp/<name>.lock that keeps a second launcher out, until the process ends.
+// Returns true when another process holds it. Returns false when this one does, and also when the
+// lock file cannot be opened (see openSharedFile): a launcher without a lock is better than none.
 bool PreventMultipleInstances(const std::string &name);
 
-// Returns the login name of the user who runs the launcher: the value of USER if it is set, else of
-// LOGNAME if that is set, else "unknown". An empty value counts as set. The bytes are returned
-// unchanged.
+// Returns the value of USER, even if empty, or of LOGNAME if USER is not set, or "unknown".
 std::string getOSUsername();
 
-// Runs the start-up sequence, on the main thread. Calls exit(0) when another launcher runs. Waits
-// without limit for a user name, asking once a second. If memory for filepath runs out, leaves it
-// empty and goes on. Ends the process when the launcher is outdated (see CheckLauncher). Returns
-// with the supervision thread running and the agent file written (see Platform::SetAutoStart).
-// Throws std::system_error when the thread cannot be created.
+// Runs the start-up sequence. Calls exit(0) when another launcher runs, and ends the process when
+// this one is outdated (see CheckLauncher). Waits for a user name without limit. Throws
+// std::system_error when the supervision thread cannot be created.
 void initStartup();

@@ -3,12 +3,10 @@
 hyperfine(1) times whole commands.
 """
 
-import collections
 import json
 import os
 import pathlib
 import re
-import resource
 import shlex
 import subprocess
 import sys
@@ -46,14 +44,8 @@ check process companion matching {companion}
 
 def hyperfine(runs, commands, *options, **environment):
     """Times the commands, by their names; returns what hyperfine says of each."""
-    run = [
-        "hyperfine",
-        "--shell=none",
-        "--style=none",
-        f"--runs={runs}",
-        "--export-json=/tmp/times",
-        *options,
-    ]
+    run = ["hyperfine", "--shell=none", "--style=none", f"--runs={runs}"]
+    run += ["--export-json=/tmp/times", *options]
     for name, command in commands.items():
         run += ["--command-name", name, command]
     subprocess.run(run, check=True, env=os.environ | environment, stdout=subprocess.DEVNULL)
@@ -62,17 +54,15 @@ def hyperfine(runs, commands, *options, **environment):
 
 def peak_mib(command):
     """The most memory that the command takes, by time(1)."""
-    measured = subprocess.run(
-        ["time", "-f", "%M", *shlex.split(command)], capture_output=True, check=True
-    )
+    timed = ["time", "-f", "%M", *shlex.split(command)]
+    measured = subprocess.run(timed, capture_output=True, check=True)
     return int(measured.stderr.split()[-1]) / 1024
 
 
-def spread(result, unit=1, less=0):
-    """The median of hyperfine's times, with the least and the most."""
-    median, least, most = ((result[name] - less) / unit for name in ("median", "min", "max"))
-    digits = 3 if unit == 1 else 0
-    return f"{median:.{digits}f} ({least:.{digits}f} to {most:.{digits}f})"
+def spread(result, less=0):
+    """The median of hyperfine's times in milliseconds, with the least and the most."""
+    median, least, most = (1000 * (result[name] - less) for name in ("median", "min", "max"))
+    return f"{median:.0f} ({least:.0f} to {most:.0f})"
 
 
 def download():
@@ -96,11 +86,12 @@ def download():
         results = hyperfine(
             runs, commands, "--warmup=1", "--prepare", f"sh -c 'rm -f {target}*; sync'"
         )
-        print(f"\ndownload of {size} MiB   wall s (least to most)   CPU s   peak memory MiB")
+        print(f"\ndownload of {size} MiB   wall ms (least to most)   CPU ms   peak memory MiB")
         for result in results:
-            name = result["command"]
-            cpu = result["user"] + result["system"]
-            print(f"{name:22} {spread(result):24} {cpu:.3f}   {peak_mib(commands[name]):.1f}")
+            subprocess.run(["sh", "-c", f"rm -f {target}*"], check=True)
+            cpu = 1000 * (result["user"] + result["system"])
+            peak = peak_mib(commands[result["command"]])
+            print(f"{result['command']:22} {spread(result):24} {cpu:.0f}   {peak:.1f}")
     nginx.terminate()
     subprocess.run(["rm", "-r", DISK], check=True)
 
@@ -117,28 +108,22 @@ def start(machine):
         "floor, two curl": f"sh -c '/build/bench/bench_floor end; {curl}; {curl}'",
         "floor": "/build/bench/bench_floor end",
     }
+    runs = 2 if QUICK else 15
     print("\nstart and end   ms (least to most)")
-    for result in hyperfine(
-        2 if QUICK else 15, commands, "--ignore-failure", **machine.environment
-    ):
-        name = result["command"]
-        pauses = 4 if name == "launcher" else 0
-        print(f"{name:15} {spread(result, unit=0.001, less=pauses)}", flush=True)
+    for result in hyperfine(runs, commands, "--ignore-failure", **machine.environment):
+        pauses = 4 if result["command"] == "launcher" else 0
+        print(f"{result['command']:15} {spread(result, less=pauses)}", flush=True)
 
 
-Usage = collections.namedtuple("Usage", "own_cpu_ms cpu_with_children_ms wakeups")
-
-
-def usage_of(pid):
-    """What the process has used so far, from proc(5)."""
-    own = wakeups = 0
-    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
-        own += int((task / "schedstat").read_text().split()[0]) / 1e6
-        switches = re.findall(r"ctxt_switches:\s+(\d+)", (task / "status").read_text())
-        wakeups += sum(map(int, switches))
-    after_name = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    ticks = sum(int(field) for field in after_name[11:15])
-    return Usage(own, ticks / os.sysconf("SC_CLK_TCK") * 1000, wakeups)
+def used(pid):
+    """CPU in milliseconds, own and with children, and wake-ups so far, from proc(5)."""
+    process = pathlib.Path(f"/proc/{pid}")
+    fields = process.joinpath("stat").read_text().rsplit(")", 1)[1].split()
+    own, children = (sum(map(int, fields[at : at + 2])) for at in (11, 13))
+    switches = [(task / "status").read_text() for task in process.joinpath("task").iterdir()]
+    wakeups = sum(map(int, re.findall(r"ctxt_switches:\s+(\d+)", " ".join(switches))))
+    tick = 1000 / os.sysconf("SC_CLK_TCK")
+    return own * tick, (own + children) * tick, wakeups
 
 
 def private_mib(pid):
@@ -155,35 +140,28 @@ def idle(machine):
     MONITRC.chmod(0o600)
     sandbox.own(MONITRC)
     # With the system's own pgrep, rather than the sandbox's in front of it.
-    environment = machine.environment | {"PATH": "/usr/bin:/bin"}
-    quiet = {"env": environment, "stdout": subprocess.DEVNULL}
+    quiet = {"env": machine.environment | {"PATH": "/usr/bin:/bin"}, "stdout": subprocess.DEVNULL}
     running = {
-        "launcher": machine.launch(env=environment),
+        "launcher": machine.launch(env=quiet["env"]),
         "floor": machine.start(["/build/bench/bench_floor"], **quiet),
         "monit": machine.start(["monit", "-I", "-c", MONITRC], **quiet),
     }
     sandbox.until(sandbox.AGENT.exists, "start-up is complete")
     time.sleep(5)
-    before = {name: usage_of(process.pid) for name, process in running.items()}
+    before = {name: used(process.pid) for name, process in running.items()}
     time.sleep(seconds)
-    children = resource.getrusage(resource.RUSAGE_CHILDREN)
-    for _ in range(seconds // 30):
-        subprocess.run(["sh", "-c", "pgrep -x KR"], **quiet, check=True)
-    probes = resource.getrusage(resource.RUSAGE_CHILDREN)
-    cpu = (probes.ru_utime + probes.ru_stime - children.ru_utime - children.ru_stime) * 1000
-    print(f"\nthe shell and pgrep of as many probes, by hand: {cpu:.0f} ms of CPU")
     print(
         f"\nidle for {seconds} s   CPU ms   with children   wake-ups a minute   private memory MiB"
     )
     for name, process in running.items():
-        own, with_children, wakeups = (
-            now - then for now, then in zip(usage_of(process.pid), before[name])
-        )
-        memory = private_mib(process.pid)
-        print(
-            f"{name:16} {own:6.0f} {with_children:15.0f}"
-            f" {wakeups * 60 / seconds:19.0f} {memory:20.1f}"
-        )
+        own, all_cpu, wakeups = (now - then for now, then in zip(used(process.pid), before[name]))
+        columns = f"{own:6.0f} {all_cpu:15.0f} {wakeups * 60 / seconds:19.0f}"
+        print(f"{name:16} {columns} {private_mib(process.pid):20.1f}")
+    spent = os.times()
+    for _ in range(seconds // 30):
+        subprocess.run(["sh", "-c", "pgrep -x KR"], **quiet, check=True)
+    by_hand = 1000 * (sum(os.times()[2:4]) - sum(spent[2:4]))
+    print(f"the shell and pgrep of as many probes, by hand: {by_hand:.0f} ms of CPU")
 
 
 if __name__ == "__main__":

@@ -4,13 +4,12 @@
 #include <cstdint>
 #include <string>
 
-// When the service's version of the companion is newer than the version marker: stops the
-// companion, waits 2 s, downloads its executable over the installed one and starts its bundle with
-// "open -n", even if the download failed. Otherwise does nothing. Blocks the calling thread
-// meanwhile; runs on one thread at a time. Ignores the failure of a step. Throws only when memory
-// for a path or a command cannot be allocated.
+// If the service has a newer companion than the version marker says: stops the companion, waits 2
+// s, downloads the new executable over the old one and starts the bundle, even if one of these
+// steps has failed. Otherwise does nothing. Never runs on two threads at once. Throws only when
+// memory runs out.
 void StartKR();
 
-// Returns the position of the first occurrence of pattern in text, or -1 when there is none.
-// Characters are compared after tolower. An empty pattern is found at 0. Nothing calls it yet.
+// Returns where pattern first occurs in text, or -1. Letters match whatever their case (tolower);
+// an empty pattern is at 0. Nothing calls it yet.
 std::int32_t findCaseInsensitive(const std::string &text, const std::string &pattern);

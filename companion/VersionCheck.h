@@ -3,8 +3,7 @@
 
 #include <string>
 
-// Asks the service for the current version of the application with this code and returns whether it
-// is newer than the installed version. For both applications that is the version marker beside the
-// launcher's executable. A marker that cannot be read counts as 0.0, and so does a service that
-// gives no version. Throws nothing.
+// Whether the service has a newer version of this application ("KR_CAP" or "Korvane_CAP") than the
+// version marker says; for both it is the one beside the launcher's executable. A marker that
+// cannot be read, and a service that gives no version, count as 0.0. Throws nothing.
 bool serviceHasNewer(const std::string &applicationCode);

@@ -7,23 +7,21 @@
 
 namespace Platform {
 
-// Returns the first line of the version marker, the file named appPath + ".version" (appPath: an
-// executable's full path), or an empty string when it cannot be read. See readFirstLine.
+// Returns the version marker's text: the first line of the file appPath + ".version", or an empty
+// string when there is none. appPath is an executable's full path. See readFirstLine.
 std::string GetExternalAppVersion(const std::string &appPath);
 
-// Sends SIGTERM to every process that the user may signal and whose command line matches pattern,
-// an extended regular expression (pkill(1), option -f). The pattern goes into the shell command
-// unescaped. Waits for the command only; its failure is not reported.
+// Runs pkill -f: SIGTERM for every process that the user may signal and whose command line matches
+// pattern, an extended regular expression. It is not escaped for the shell. Waits for pkill alone.
 void CloseExternalApp(const std::string &pattern);
 
-// Makes launchd start program (a full path, written unescaped) at log-in, from the next one on:
-// rewrites the agent file "Library/LaunchAgents/com.mervix.korvane.plist" in the home folder
-// (launchd.plist(5)). Creates no folder, and does nothing when the file cannot be opened or HOME is
-// not set.
+// Makes launchd start program (a full path) at log-in, by rewriting the agent file,
+// ~/Library/LaunchAgents/com.mervix.korvane.plist (launchd.plist(5)). The path is not escaped for
+// XML. Makes no folder, and reports no failure.
 void SetAutoStart(const std::string &program);
 
-// Deletes the agent file. A missing file or an unset HOME is no error; any other failure is thrown
-// as std::filesystem::filesystem_error. Nothing calls it yet.
+// Deletes the agent file, if there is one. Throws std::filesystem::filesystem_error when it cannot.
+// Nothing calls it yet.
 void RemoveAutoStart();
 
 // Nothing calls the rest of this namespace yet.
@@ -51,14 +49,11 @@ void RemoveTrayIcon();
 
 } // namespace Platform
 
-// Returns the absolute, resolved path of the running executable; its unresolved path when resolving
-// fails; an empty string when the system does not give it. Each call replaces the content of
-// "/tmp/korvane_debug.txt" with the path trace, or silently writes none when that cannot be opened
-// (see openSharedFile).
+// Returns the running executable's path, links resolved; unresolved if that fails; an empty string
+// if the system does not give it. Writes the path trace, /tmp/korvane_debug.txt, each time anew.
 std::string getExecutablePath();
 
-// Returns the folder that holds the bundle of the executable at this path: the path's fourth
-// parent, without a "/" at the end unless it is the root.
+// Returns the folder that holds an executable's bundle, its fourth parent, without "/" at the end.
 std::string installFolder(const std::string &executablePath);
 
 // Makes every window of the application light, whatever the user's system setting.

@@ -8,42 +8,34 @@
 #include <string>
 #include <sys/stat.h>
 
-// Receives a target file's new content in a staging file. The target changes only by rename(2):
-// whatever happens, even if the process is killed or the machine loses power, it is the old file or
-// the new one, never a mixture.
+// Receives the new content of a target file in a staging file, which takes the target's place by
+// rename(2). So the target is the old file or the new one whatever happens, even when the process
+// is killed or the power fails.
 //
-// The staging file is made in the target's folder, which shows that files may be made there, under
-// the target's name and ".download"; whatever has that name is removed before. When the folder is a
-// bundle's, "*.app/Contents/MacOS" (links resolved), the file is renamed, still empty, to the
-// folder that holds the bundle, with a full stop in front, over whatever has that name: an unsigned
-// file would break the bundle's seal, and a copy of the bundle would include it. Where that rename
-// fails (another volume, a folder that the user may not write to), the file stays beside the
-// target.
-//
-// A staging file that does not replace the target is removed. One left by a process that was killed
-// or that exited meanwhile is replaced by the next one. So is one that another process is still
-// writing: that process finds another file under its name, and changes and removes nothing.
+// The staging file is the target's name and ".download", made beside the target. That shows that
+// files may be made there. If the folder is a bundle's Contents/MacOS, the file is then moved,
+// still empty, out to the folder that holds the bundle, as ".<name>.download": inside it would
+// break the bundle's seal. Where it cannot be moved it stays. Whatever has these names is replaced:
+// it is what a killed process left, or what another process is still writing. That process notices,
+// and neither replaces the target nor removes anything.
 class StagedFile {
   public:
-    // Opens a staging file for target (a full path). When the target cannot be replaced, changes
-    // nothing, and stream() is null: the folder is missing or this user may not write to it, or the
-    // target is a folder or a file that this user may not write to (access(2)). A target that is
-    // missing or running can be replaced.
+    // Opens a staging file for target (a full path). If the target is a folder, or the user may not
+    // write to it or to its folder, changes nothing, and stream() is null. A target may be missing,
+    // and may be running.
     explicit StagedFile(const std::string &target);
     ~StagedFile();
     StagedFile(const StagedFile &) = delete;
     StagedFile &operator=(const StagedFile &) = delete;
 
-    // The staging file, open for writing raw bytes, or null. Owned by this object.
+    // For writing raw bytes; null when there is no staging file. Owned by this object.
     std::FILE *stream() const {
         return stream_.get();
     }
 
-    // Renames the staging file to the target, with mode 0755, once it has at least one byte, and
-    // its bytes and mode are on stable storage. Leaves the target as it was when any step fails,
-    // when another file has taken the staging file's name, or when the target may no longer be
-    // replaced. The last two are looked at right before the rename: a change in between is not
-    // seen. Call it once and last: the stream must not be written to afterwards.
+    // Replaces the target, with mode 0755, once all bytes are on stable storage. Leaves it as it
+    // was when there are no bytes, a step fails, or the staging file or the target's rights are not
+    // what they were. Call it last: the stream is closed.
     void replaceTarget();
 
   private:

@@ -2,7 +2,7 @@
 
     demonstration.py [--stay]
 
-Runs inside sandbox/enter, with --out for the traces.
+Runs inside sandbox/enter, with --out for the launchers' output.
 """
 
 import os
@@ -26,89 +26,59 @@ def say(text):
 def wait_for_companion(machine, version, *others):
     """Waits for the companion to come back and returns its process id."""
     pid = until(lambda: [pid for pid in companions() if pid not in others], "the companion runs")[0]
-    size = machine.companion.stat().st_size
-    assert (
-        f'VERSION = "{version}"' in machine.companion.read_text()
-    ), f"the installed companion should be {version}"
-    say(f"companion {version} runs: process {pid}, its executable is new ({size} bytes)")
+    text = machine.companion.read_text()
+    assert f'VERSION = "{version}"' in text, f"the installed companion should be {version}"
+    say(f"companion {version} runs: process {pid}, its executable is new ({len(text)} bytes)")
     return pid
 
 
 def wait_for_end(launcher, status):
     launcher.wait(60)
-    assert (
-        launcher.returncode == status
-    ), f"the launcher should end with {status}, not {launcher.returncode}"
+    assert launcher.returncode == status, f"the launcher's status should be {status}"
 
 
 def update(machine):
     machine.offer("2.6", payload=sandbox.companion_program("2.6", 300_000))
-    pid = machine.start_companion()
-    say(
-        f"companion 2.5 runs: process {pid}, {machine.companion.stat().st_size} bytes;"
-        " the service offers 2.6"
-    )
+    old = machine.start_companion()
+    say(f"companion 2.5 runs: process {old}; the service offers 2.6")
     launcher = machine.launch([machine.login_program])
-    say(
-        f"log-in: {machine.login_program.name} in the install folder starts the launcher,"
-        f" process {launcher.pid}"
-    )
+    say(f"log-in: the program Korvane starts the launcher, process {launcher.pid}")
     machine.service.wait_for("KR_CAP")
-    say(
-        "the launcher has asked for the companion's version and was told 2.6;"
-        " it stops the companion and waits 2 s"
-    )
+    say("the launcher is told of 2.6; it stops the companion and waits 2 s")
     machine.service.wait_for("download")
-    assert pid not in companions(), "the old companion should have been stopped"
-    say(f"process {pid} is gone; the launcher downloads the new executable")
-    pid = wait_for_companion(machine, "2.6", pid)
-    machine.service.wait_for("Korvane_CAP")
+    assert old not in companions(), "the old companion should have been stopped"
+    say(f"process {old} is gone; the launcher downloads the new executable")
+    pid = wait_for_companion(machine, "2.6", old)
     until(AGENT.exists, "the agent file is written")
-    say(
-        f"the launcher is up to date itself, supervises,"
-        f" and has written {AGENT.name} for the next log-in"
-    )
+    say(f"the launcher is current itself; it supervises, and has written {AGENT.name}")
     return launcher, pid
 
 
-def bring_back(machine, pid):
+def bring_back(machine, old):
     machine.offer("2.7")
-    os.kill(pid, signal.SIGKILL)
-    say(
-        f"process {pid} is killed, and the service now offers 2.7;"
-        " the launcher looks about every 30 s"
-    )
-    return wait_for_companion(machine, "2.7", pid)
+    os.kill(old, signal.SIGKILL)
+    say(f"process {old} is killed; the service offers 2.7; the launcher looks every 30 s")
+    return wait_for_companion(machine, "2.7", old)
 
 
 def quit_by_hand(machine, launcher, pid):
     until(lambda: sandbox.catches(pid, signal.SIGUSR1), "the companion listens")
     os.kill(pid, signal.SIGUSR1)
-    say(
-        f"the user quits the companion, which writes {machine.flag.name};"
-        " the launcher looks every 5 s"
-    )
+    say(f"the user quits the companion, which writes {machine.flag.name}")
     wait_for_end(launcher, 0)
     assert not machine.flag.exists(), "the launcher should delete the flag"
     until(lambda: not companions(), "the companion ends")
-    say("the launcher has deleted the flag and ended, status 0; so has the companion")
+    say("the launcher has deleted that and ended, status 0; so has the companion")
 
 
 def outdated(machine):
     machine.offer("2.8", launcher="2.8")
     launcher = machine.launch([machine.login_program])
-    say(f"next log-in: launcher 2.5 starts, process {launcher.pid}; the service offers 2.8 of both")
+    say(f"next log-in: process {launcher.pid}; the service offers 2.8 of both")
     wait_for_companion(machine, "2.8")
     wait_for_end(launcher, 255)
     assert companions() and AGENT.exists(), "the companion and the agent file should stay"
-    say(
-        "the outdated launcher has ended itself, status 255;"
-        " the companion runs on, and nobody supervises it"
-    )
-    say(
-        "every log-in does the same until a new package brings a new marker:"
-        " the agent file is still there"
-    )
+    say("the outdated launcher has ended itself, status 255; the companion runs on, unsupervised")
 
 
 def stay(machine):
@@ -116,17 +86,12 @@ def stay(machine):
     sandbox.end_all("KR")
     machine.start_companion()
     launcher = machine.launch()
+    print(f"You are alice, with a launcher (process {launcher.pid}) and its companion: ps xf.")
     print(
-        f"You are {sandbox.USER}, with a launcher (process {launcher.pid}) and its companion:"
-        " see them with ps xf."
+        f"{launcher.output} is its trace; kill -USR1 $(pgrep -x KR) is the user's quit.", flush=True
     )
-    print(
-        f"The launcher's trace is {launcher.output}; kill -USR1 $(pgrep -x KR) is the user's quit.",
-        flush=True,
-    )
-    subprocess.run(
-        ["bash", "--norc"], env=machine.environment, cwd=machine.folder, **sandbox.AS_ALICE
-    )
+    shell = ["bash", "--norc"]
+    subprocess.run(shell, env=machine.environment, cwd=machine.folder, **sandbox.AS_ALICE)
 
 
 def main():

@@ -100,10 +100,9 @@ class Machine(Processes):
         .output."""
         self.launched += 1
         output = pathlib.Path(f"/tmp/trace{self.launched}")
-        options = {"env": self.environment} | options
         with open(output, "wb") as stream:
-            command = command or [self.launcher_path]
-            process = self.start(command, stdout=stream, stderr=stream, **options)
+            options = {"env": self.environment, "stdout": stream, "stderr": stream} | options
+            process = self.start(command or [self.launcher_path], **options)
         process.output = output
         return process
 

@@ -3,12 +3,10 @@
 
 #include <string>
 
-// Returns the first line of the flag, "<filepath><uname_windows>_ManualExit.txt", without its line
-// feed and otherwise as stored: "1" means that the user quit the companion. Returns an empty string
-// when the file is missing, empty, unreadable or not a regular file, or when anything fails. Never
-// creates or writes the file. While uname_windows is empty, which it is not after start-up, reads
-// the environment variable USER into it once a second.
+// Returns the first line of <filepath><uname_windows>_ManualExit.txt; "1" means that the user quit
+// the companion. Returns an empty string when there is none or anything fails (see readFirstLine).
+// If start-up has not set uname_windows, waits for the environment variable USER.
 std::string readExitCheck();
 
-// Deletes the flag; a failure to do so is ignored. Throws only when an allocation fails.
+// Deletes the flag, if it can. Throws only when memory runs out.
 void deleteManualExitFlag();

@@ -81,17 +81,17 @@ def reset(handler, content, offset):
 
 
 @fault
-def meanwhile(handler, content, act, offset=0):
-    """A good answer; after so many bytes of it, something else happens."""
-    begin(handler, content, offset)
+def meanwhile(handler, content, act, offset=0, length=True):
+    """A good answer, with its length or without; after so many bytes, something else happens."""
+    begin(handler, content, offset, length)
     act(handler)
     with connection_lost():
         handler.wfile.write(content[offset:])
 
 
-def pause(seconds, offset=0):
+def pause(seconds, offset=0, **options):
     """A good answer with a pause after so many bytes."""
-    return meanwhile(lambda handler: wait(handler, seconds), offset)
+    return meanwhile(lambda handler: wait(handler, seconds), offset, **options)
 
 
 @fault
@@ -134,9 +134,9 @@ def certificate(handler, _, name):
     handler.server.context = certificates.context(name)
 
 
-def begin(handler, content, offset):
+def begin(handler, content, offset, length=True):
     """A good answer's head and its first bytes."""
-    handler.head(200, len(content))
+    handler.head(200, len(content) if length else None)
     handler.wfile.write(content[:offset])
 
 

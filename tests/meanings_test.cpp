@@ -4,7 +4,6 @@
 #include "platform/Platform.h"
 #include "platform/UniqueFd.h"
 
-#include <CoreFoundation/CoreFoundation.h>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -19,8 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kName =
-    "m" + std::to_string(getpid()) + "eant"; // Linux cuts a name after 15 characters
+const std::string kName = "m" + std::to_string(getpid()) + "eant"; // Linux cuts it at 15 characters
 const std::string kFolder = fs::canonical(fs::temp_directory_path()) / kName / "";
 std::string self(4096, '\0');
 
@@ -59,7 +57,7 @@ TEST(Meanings, ExecutablePathIsTheOneStarted) {
     EXPECT_EQ(buffer, std::string(self.size(), '.'));
     const std::string launcher = copyTo(kFolder + "Korvane.app/Contents/MacOS/Korvane");
     fs::create_symlink(launcher, kFolder + "link");
-    fs::create_symlink("../Korvane", kFolder + "Korvane.app/link");
+    fs::create_symlink("../Korvane", kFolder + "Korvane.app/link"); // to the log-in program
     EXPECT_EQ(line(start(kFolder + "link where")), kFolder + "link\n");
     EXPECT_EQ(line(start(kFolder + "Korvane.app/link where")), launcher + "\n");
 }
@@ -72,19 +70,12 @@ TEST(Meanings, FilesReachStableStorageAndReplaceOthers) {
     fs::rename(copyTo(kFolder + "newest"), self); // and read-only
 }
 
-int lookups = 0; // see valueOf
-
-TEST(Meanings, IdleTimeIsANumberOrNotKnown) {
-    EXPECT_GE(Platform::GetIdleTimeSeconds(), 0);
-    EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
-    EXPECT_EQ(lookups, 2);
-}
-
 TEST(Meanings, SemaphoresBlockUntilReleased) {
     static dispatch_semaphore_t semaphore = nullptr; // nothing frees it
     Platform::SemInit(semaphore, -1);
     EXPECT_EQ(semaphore, nullptr);
-    Platform::SemInit(semaphore, 0);
+    Platform::SemInit(semaphore, 1);
+    Platform::SemWait(semaphore);
     Platform::SemDestroy(semaphore); // without effect
     const auto waiter = std::async(std::launch::async, Platform::SemWait, std::ref(semaphore));
     EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
@@ -95,23 +86,19 @@ TEST(Open, StartsOneMoreWithNothingOfOursButTheEnvironment) {
     if (std::system("! command -v launchctl >/dev/null || launchctl print gui/$(id -u) >/dev/null"))
         GTEST_SKIP() << "no session with a screen"; // which open does not need on Linux
     copyTo(kFolder + "Opened.app/Contents/MacOS/Opened");
-    std::ofstream(
-        kFolder +
-        "Opened.app/Contents/Info.plist") // for macOS alone: compat/bin/open goes by the names
-        << "<plist "
-           "version=\"1.0\"><dict><key>CFBundleIdentifier</"
-           "key><string>com.mervix.korvane.meanings</string>"
-        << "<key>CFBundleExecutable</key><string>Opened</string><key>LSBackgroundOnly</key><true/"
-           "></dict></plist>";
+    std::ofstream(kFolder + "Opened.app/Contents/Info.plist") // compat/bin/open goes by the names
+        << "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>Opened</string>"
+        << "<key>CFBundleIdentifier</key><string>com.mervix.korvane.meanings</string>"
+        << "<key>LSBackgroundOnly</key><true/></dict></plist>";
     const std::string told = kFolder + "told", held = kFolder + "held";
     mkfifo(told.c_str(), 0600);
     const UniqueFd inherited(dup2(UniqueFd(open(held.c_str(), O_WRONLY | O_CREAT, 0600)).get(), 9));
     std::signal(SIGUSR1, SIG_IGN);
-    const std::string wait =
-        "echo ours; echo ours >&2; echo ours >&9; exec >" + told; // until it is read
-    const std::string tell =
-        "; echo parent $(ps -o ppid= -p $$) in $(pwd), ignored: $(sh -c 'kill -USR1 $$; echo $$')";
-    setenv("MEANING", (wait + tell + ", process $$").c_str(), 1);
+    // Writes to all that might be ours, then waits until what it tells is read.
+    const std::string script = "echo ours; echo ours >&2; echo ours >&9; exec >" + told +
+                               "; echo parent $(ps -o ppid= -p $$) in $(pwd), ignored:"
+                               " $(sh -c 'kill -USR1 $$; echo $$'), process $$";
+    setenv("MEANING", script.c_str(), 1);
     for (int instance = 0; instance < 2; ++instance)
         ASSERT_EQ(std::system(("open -n " + kFolder + "Opened.app >>" + held + " 2>&1").c_str()),
                   0);
@@ -123,13 +110,6 @@ TEST(Open, StartsOneMoreWithNothingOfOursButTheEnvironment) {
 }
 
 } // namespace
-
-// What Platform.mm gets from CFDictionaryGetValue: the second time no number.
-extern "C" const void *valueOf(CFDictionaryRef table, const void *key) {
-    const void *value = CFDictionaryGetValue(table, key);
-    EXPECT_TRUE(value && CFGetTypeID(value) == CFNumberGetTypeID());
-    return ++lookups == 1 ? value : table;
-}
 
 // The argument is the log-in program. Goes on as a copy whose name nobody else has.
 int main(int argc, char **argv) {

@@ -9,7 +9,7 @@ import machine as sandbox
 import pytest
 from machine import HOME
 
-FOLDER = HOME / "program"
+FOLDER = HOME / "prógram"
 
 
 @pytest.mark.parametrize(

@@ -41,6 +41,11 @@ def descriptors(launcher):
     return subprocess.run(look, capture_output=True, text=True).stdout
 
 
+def zombies(launcher):
+    look = ["ps", "--ppid", str(launcher.pid), "-o", "stat="]
+    return "Z" in subprocess.run(look, capture_output=True, text=True).stdout
+
+
 def agent_file():
     """The agent file's properties, once it is complete."""
     until(lambda: AGENT.exists() and AGENT.read_text().endswith("</plist>\n"), "the agent file")
@@ -71,7 +76,9 @@ def test_newer_companion_is_stopped_replaced_and_started(machine):
 
 
 def test_current_companion_is_left_alone_without_a_window(machine):
-    machine.offer("2.5.9.9", launcher="2.5.9.9")
+    machine.offer("2.6.9.9", launcher="2.6.9.9")
+    machine.marker.unlink()  # the one beside the executable counts, which was a link to another
+    machine.marker.write_text("2.6\n")
     pid, before = machine.start_companion(), machine.companion.stat()
     machine.launch()
     agent_file()
@@ -126,8 +133,13 @@ def test_every_way_to_start_finds_the_folder(machine):
     # The environment that launchd gives, and a display.
     bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
     # The launcher's own path as it is; from the log-in program the real one inside the bundle.
-    for path, raw in (link, link), (relative, folder / relative), (program, launcher):
-        process = machine.launch(quickly([path, "one argument", "-x"]), env=bare, cwd=folder)
+    for path, raw, arguments in [
+        (link, link, []),
+        (relative, folder / relative, ["one argument", "-x"]),
+        (program, launcher, ["one argument", "-x"]),
+        (program, launcher, []),
+    ]:
+        process = machine.launch(quickly([path, *arguments]), env=bare, cwd=folder)
         assert agent_file() == {
             "Label": "com.mervix.korvane",
             "ProgramArguments": [str(program)],
@@ -136,12 +148,12 @@ def test_every_way_to_start_finds_the_folder(machine):
         assert PATH_TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n"
         assert pathlib.Path(f"/proc/{process.pid}/exe").readlink() == launcher
         words = pathlib.Path(f"/proc/{process.pid}/cmdline").read_text().split("\0")
-        assert words == [str(path if raw != launcher else launcher), "one argument", "-x", ""]
+        assert words == [str(path if raw != launcher else launcher), *arguments, ""]
         end(process)
         AGENT.unlink()
 
     shutil.move(folder / "Korvane.app", HOME)
-    process = machine.launch([program])
+    process = machine.launch([program], stdout=subprocess.DEVNULL)
     assert process.wait(60) == 127
     assert process.output.read_text() == (
         f"Korvane: cannot start {launcher}: No such file or directory\n"
@@ -183,6 +195,7 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag(machine):
     asked, before = len(machine.service.requests), machine.companion.stat()
     until(lambda: steps().count("pgrep") > probes + 5, "probes")
     until(lambda: descriptors(launcher).count("\n") <= opened, "nothing more is open than before")
+    until(lambda: not zombies(launcher), "what it has run is collected")
     machine.flag.write_text("1\n")
     assert launcher.wait(60) == 0
     assert not machine.flag.exists() and companions() == [pid]
@@ -196,6 +209,7 @@ def test_flag_that_cannot_be_deleted_ends_the_launcher_all_the_same(machine):
     machine.offer("2.5")
     machine.flag.write_text("1")
     machine.folder.chmod(0o555)
+    machine.environment["LOGNAME"] = machine.environment.pop("USER")
     assert machine.launch(quickly([machine.launcher_path])).wait(60) == 0
     assert machine.flag.exists()
 

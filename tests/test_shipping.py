@@ -69,7 +69,9 @@ def test_property_lists(stage):
     ]
 
 
-@pytest.mark.parametrize("identity, options", [("ID", " --options runtime --timestamp"), ("-", "")])
+@pytest.mark.parametrize(
+    "identity, options", [("ID", " --options runtime --timestamp"), ("-", "")], ids=["ID", "ad hoc"]
+)
 def test_signing_goes_from_the_inside_out(stage, identity, options):
     def sign():
         command = ["/usr/bin/cmake", "-D", f"FOLDER={stage}", "-D", f"IDENTITY={identity}"]

@@ -1,6 +1,6 @@
 // The login window and its tray icon: what is built, and what mouse and keyboard do to it. Runs on
-// a real X server with a window manager and a tray. Leaves a picture of the window in each of its
-// states in the current folder.
+// a real X server with a window manager and a tray. Leaves pictures of the window in the current
+// folder.
 #include "ui/KorvaneTrayIcon.h"
 #include "ui/LoginDialog.h"
 
@@ -21,6 +21,7 @@ using namespace std::chrono_literals;
 namespace {
 
 const fs::path kFolder = fs::read_symlink("/proc/self/exe").parent_path();
+const fs::path kPathTrace = "/tmp/korvane_debug.txt";
 
 // Handles events until the condition holds.
 bool until(auto condition, std::chrono::milliseconds limit = 60s) {
@@ -48,15 +49,7 @@ struct NotingWindow : LoginDialog {
 };
 
 // The window's controls of interest, by their place among its children.
-enum Child {
-    kBanner = 1,
-    kCaption = 3,
-    kUser = 4,
-    kPassword = 6,
-    kLogIn = 7,
-    kExit = 10,
-    kMessage = 11
-};
+enum Child { kBanner = 1, kCaption = 3, kUser = 4, kPassword = 6, kLogIn = 7, kExit = 10, kLabel };
 
 // The icon's place in the tray: a window of this process, plugged into the tray's own. Null while
 // there is none.
@@ -68,17 +61,34 @@ GtkWidget *trayIcon() {
     return found ? GTK_WIDGET(found->data) : nullptr;
 }
 
+// The colour in the middle of what a widget shows.
+wxColour colourOf(GtkWidget *widget) {
+    GdkWindow *drawn = gtk_widget_get_window(widget);
+    const int x = gdk_window_get_width(drawn) / 2, y = gdk_window_get_height(drawn) / 2;
+    g_autoptr(GdkPixbuf) picture = gdk_pixbuf_get_from_window(drawn, x, y, 1, 1);
+    const guchar *pixel = gdk_pixbuf_get_pixels(picture);
+    return wxColour(pixel[0], pixel[1], pixel[2]);
+}
+
 class Window : public testing::Test {
   protected:
     void build() {
         window = new NotingWindow(nullptr);
     }
+    void show() {
+        window->Show(true);
+        ASSERT_TRUE(until([this] { return window->IsShown() && window->IsActive(); }));
+        window->Fit(); // showing it first, GTK takes its title bar's height off its height
+    }
     void TearDown() override {
         delete window;
         wxTheApp->Yield();
     }
-    wxWindow *child(Child which) const {
+    auto *child(Child which) const {
         return window->GetChildren().Item(which)->GetData();
+    }
+    auto *field(Child which) const {
+        return dynamic_cast<wxTextCtrl *>(child(which));
     }
     // Clicks where the pointer lights up the button: the window manager may still be placing the
     // window.
@@ -98,19 +108,6 @@ class Window : public testing::Test {
         gdk_display_sync(gdk_display_get_default()); // a click comes by way of the X server
         wxTheApp->Yield();
     }
-    void takePicture(const std::string &name) {
-        window->Layout();
-        mouse.MouseMove(0, 0);
-        until([] { return false; }, 300ms); // what is drawn bit by bit
-        const wxSize size = window->GetClientSize();
-        GdkWindow *drawn = gtk_widget_get_window(window->GetHandle());
-        g_autoptr(GdkPixbuf) picture = gdk_pixbuf_get_from_window(drawn, 0, 0, size.x, size.y);
-        gdk_pixbuf_save(picture, (name + ".png").c_str(), "png", nullptr, nullptr);
-    }
-    bool comesToTheFront() {
-        return until(
-            [this] { return window->IsShown() && !window->IsIconized() && window->IsActive(); });
-    }
 
     wxWeakRef<NotingWindow> window;
     wxUIActionSimulator mouse;
@@ -129,11 +126,11 @@ std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
             continue;
         }
         const wxWindow *control = item->GetWindow();
-        const wxFont font = control->GetFont();
+        const wxSize size = control->GetMinSize();
         text << control->GetClassInfo()->GetClassName()
-             << wxString::Format(" '%s' ", control->GetLabel()) << control->GetMinSize().x << "x"
-             << control->GetMinSize().y << " " << font.GetPointSize() << " "
-             << font.GetNumericWeight() << " "
+             << wxString::Format(" '%s' %dx%d %d %d ", control->GetLabel(), size.x, size.y,
+                                 control->GetFont().GetPointSize(),
+                                 control->GetFont().GetNumericWeight())
              << control->GetForegroundColour().GetAsString(wxC2S_HTML_SYNTAX)
              << (control->HasFlag(wxTE_PASSWORD) ? " masked" : "")
              << (control->HasFlag(wxLI_VERTICAL) ? " upright" : "")
@@ -143,9 +140,9 @@ std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
 }
 
 TEST_F(Window, IsBuiltAsDesigned) {
-    fs::remove("/tmp/korvane_debug.txt");
+    fs::remove(kPathTrace);
     build();
-    EXPECT_TRUE(fs::exists("/tmp/korvane_debug.txt")) << "the path trace";
+    EXPECT_TRUE(fs::exists(kPathTrace));
     EXPECT_EQ(describe(window->GetSizer()), R"(
 0 2030 0 wxStaticLine '' -1x-1 10 400 #000000
 1 2000 0 row
@@ -163,18 +160,19 @@ TEST_F(Window, IsBuiltAsDesigned) {
       0 20 5 wxButton 'Korvane' 110x30 10 700 #000000 disabled
       0 0 0 wxButton 'Exit' 110x30 10 700 #000000
     0 40 8 wxStaticText '' 230x-1 10 700 #FF0000)");
-    g_autofree char *tooltip = gtk_widget_get_tooltip_text(trayIcon());
-    EXPECT_STREQ(tooltip, "Korvane");
-    for (const Child field : {kUser, kPassword})
-        EXPECT_TRUE(child(field)->UseBgCol() && child(field)->GetBackgroundColour() == *wxWHITE);
+    for (const Child which : {kUser, kPassword}) {
+        EXPECT_TRUE(field(which)->UseBgCol());
+        EXPECT_EQ(field(which)->GetBackgroundColour(), *wxWHITE);
+    }
     EXPECT_EQ(window->GetBackgroundColour(), wxColour(240, 240, 240));
     EXPECT_EQ(window->GetForegroundColour(), *wxBLACK);
     EXPECT_EQ(window->GetWindowStyle() & ~wxTAB_TRAVERSAL, wxDEFAULT_FRAME_STYLE);
-    EXPECT_TRUE(window->GetTitle().empty() && !window->IsShown());
-    const wxRect screen = wxGetClientDisplayRect();
-    const wxPoint offset =
-        window->GetPosition() + window->GetSize() / 2 - screen.GetPosition() - screen.GetSize() / 2;
-    EXPECT_TRUE(std::abs(offset.x) <= 1 && std::abs(offset.y) <= 1) << offset.x << ", " << offset.y;
+    EXPECT_EQ(window->GetTitle(), "");
+    EXPECT_FALSE(window->IsShown());
+    EXPECT_EQ(window->GetClientSize(), window->GetSizer()->GetMinSize());
+    const wxRect expected = window->GetRect().CentreIn(wxGetClientDisplayRect());
+    EXPECT_NEAR(window->GetPosition().x, expected.x, 1);
+    EXPECT_NEAR(window->GetPosition().y, expected.y, 1);
 }
 
 TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
@@ -182,48 +180,57 @@ TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
     std::setlocale(LC_ALL, "C.UTF-8");
     window->SetUsername("J\xC3\xBC");
     window->SetPassword("p\xC3\xBC");
-    EXPECT_EQ(dynamic_cast<wxTextCtrl *>(child(kUser))->GetValue(), L"J\u00FC");
+    EXPECT_EQ(field(kUser)->GetValue(), L"J\u00FC");
+    EXPECT_EQ(field(kPassword)->GetValue(), L"p\u00FC");
     EXPECT_EQ(window->GetUsername() + window->GetPassword(), "J\xC3\xBCp\xC3\xBC");
     std::setlocale(LC_ALL, "C");
-    wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
-    child(kLogIn)->ProcessWindowEvent(press);
     window->SetUsername("J\xC3\xBC");
-    EXPECT_NE(dynamic_cast<wxTextCtrl *>(child(kUser))->GetValue(), L"J\u00FC");
+    EXPECT_NE(field(kUser)->GetValue(), L"J\u00FC");
+    const auto said = [this](const wchar_t *user, const wchar_t *password) {
+        field(kUser)->SetValue(user);
+        field(kPassword)->SetValue(password);
+        wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
+        child(kLogIn)->ProcessWindowEvent(press);
+        return child(kLabel)->GetLabel();
+    };
+    EXPECT_EQ(said(L"alice", L"p\u00FC"), "Please fill both the fields.");
+    EXPECT_EQ(said(L"alice", L"secret"), "");
+    EXPECT_EQ(said(L"J\u00FC", L"secret"), "Please fill both the fields.");
     std::setlocale(LC_ALL, "C.UTF-8");
-    EXPECT_EQ(child(kMessage)->GetLabel(), "Please fill both the fields.");
 }
 
 TEST_F(Window, LogInChecksTheFields) {
     build();
-    EXPECT_EQ(window->GetClientSize(), window->GetSizer()->GetMinSize());
-    window->Show(true);
-    ASSERT_TRUE(comesToTheFront());
-    window->Fit(); // showing it for the first time, GTK takes its title bar's height off its height
-    takePicture("fresh");
-    // What is said; and whether what was displaced is back in its place.
-    const std::tuple<const char *, const char *, const char *, bool, const char *> table[] = {
-        {"", "", "User Id can't be blank.", true, "no-user-name"},
-        {"alice", "", "Password can't be blank.", true, "no-password"},
-        {"alice", "secret", "", false, "filled"},
-        {"", "secret", "User Id can't be blank.", true, "password-alone"},
-        {"  ", " ", "", false, "blanks"}};
+    show();
+    struct Row {
+        const char *picture, *user, *password, *said;
+        bool laidOut; // whether what was displaced is back in its place
+    };
     const wxPoint home = child(kCaption)->GetPosition();
-    for (const auto &[user, password, said, laidOut, name] : table) {
-        window->SetUsername(user);
-        window->SetPassword(password);
+    for (const Row &row : {Row{"no-user-name", "", "", "User Id can't be blank.", true},
+                           Row{"no-password", "alice", "", "Password can't be blank.", true},
+                           Row{"filled", "alice", "secret", "", false},
+                           Row{"password", "", "secret", "User Id can't be blank.", true},
+                           Row{"blanks", "  ", " ", "", false}}) {
+        window->SetUsername(row.user);
+        window->SetPassword(row.password);
         child(kCaption)->Move(1, 1);
         click(child(kLogIn));
-        EXPECT_TRUE(until([&, said = said] { return child(kMessage)->GetLabel() == said; }))
-            << said;
-        EXPECT_EQ(child(kCaption)->GetPosition(), laidOut ? home : wxPoint(1, 1)) << said;
-        takePicture(name);
+        EXPECT_TRUE(until([&] { return child(kLabel)->GetLabel() == row.said; })) << row.picture;
+        EXPECT_EQ(child(kCaption)->GetPosition(), row.laidOut ? home : wxPoint(1, 1));
+        window->Layout();
+        until([] { return false; }, 300ms); // what is drawn bit by bit
+        GdkWindow *drawn = gtk_widget_get_window(window->GetHandle());
+        const wxSize size = window->GetClientSize();
+        g_autoptr(GdkPixbuf) picture = gdk_pixbuf_get_from_window(drawn, 0, 0, size.x, size.y);
+        const std::string file = std::string(row.picture) + ".png";
+        gdk_pixbuf_save(picture, file.c_str(), "png", nullptr, nullptr);
     }
 }
 
 TEST_F(Window, StaysOpenAndComesBackFromTheTray) {
     build();
-    window->Show(true);
-    ASSERT_TRUE(comesToTheFront());
+    show();
     click(child(kExit));
     window->Close();
     window->Close(true);
@@ -237,28 +244,11 @@ TEST_F(Window, StaysOpenAndComesBackFromTheTray) {
     EXPECT_FALSE(window->IsShown());
     window->raised = false;
     clickTray(wxMOUSE_BTN_LEFT);
-    EXPECT_TRUE(comesToTheFront() && window->raised);
-}
-
-TEST_F(Window, WindowAndIconGoInAnyOrder) {
-    build();
-    wxTaskBarIconEvent click(wxEVT_TASKBAR_LEFT_DOWN, nullptr);
-
-    wxWeakRef<KorvaneTrayIcon> icon = new KorvaneTrayIcon(window);
-    delete icon;
-    icon = new KorvaneTrayIcon(window);
-    EXPECT_TRUE(trayIcon());
-    delete window;
-    ASSERT_TRUE(icon);
-    icon->ProcessEvent(click); // as one that was under way: the window is gone, the icon nearly
-    EXPECT_TRUE(until([&] { return !icon && !trayIcon(); }));
-
-    build();
-    child(kUser)->Destroy(); // a child's end is not the window's
-    icon = new KorvaneTrayIcon(window);
-    icon->ProcessEvent(click);
-    EXPECT_TRUE(window->IsShown() &&
-                window->restored); // by the click itself, before anything else happens
+    EXPECT_TRUE(until([this] { return window->IsShown() && window->IsActive(); }));
+    EXPECT_TRUE(window->raised && window->restored);
+    clickTray(wxMOUSE_BTN_LEFT);
+    EXPECT_TRUE(window->IsShown());
+    EXPECT_EQ(child(kLabel)->GetLabel(), ""); // "Exit" has checked nothing
 
     window->Hide();
     window->raised = false;
@@ -267,26 +257,51 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
     EXPECT_TRUE(window->raised && window->IsShown());
 }
 
+TEST_F(Window, WindowAndIconGoInAnyOrder) {
+    build();
+    delete new KorvaneTrayIcon(window);
+    wxWeakRef<KorvaneTrayIcon> icon = new KorvaneTrayIcon(window);
+    child(kUser)->Destroy(); // a child's end is not the window's
+    ASSERT_TRUE(icon && trayIcon());
+    delete window;
+    ASSERT_TRUE(icon && !trayIcon());
+    wxTaskBarIconEvent click(wxEVT_TASKBAR_LEFT_DOWN, nullptr);
+    icon->ProcessEvent(click); // as one that was under way: the window is gone, the icon nearly
+    EXPECT_TRUE(until([&] { return !icon && !trayIcon(); }));
+}
+
 // The last one: it leaves other pictures beside the executable.
-TEST_F(Window, BannerHasItsSizeWhateverThePictures) {
-    for (const std::string picture : {"wide", "broken", "gone"}) {
+TEST_F(Window, ShowsEachPictureInItsPlaceAndSize) {
+    const auto write = [](const char *name, int width, int height, const wxColour &colour) {
+        wxImage picture(width, height);
+        picture.SetRGB(picture.GetSize(), colour.Red(), colour.Green(), colour.Blue());
+        picture.SaveFile((kFolder / name).string());
+    };
+    write("Korvane.bmp", 1000, 37, wxColour(0, 255, 0));
+    write("offline.png", 22, 22, wxColour(0, 0, 255));
+    build();
+    show();
+    EXPECT_EQ(child(kBanner)->GetSize(), wxSize(400, 300));
+    EXPECT_TRUE(until([this] { return colourOf(window->GetHandle()) == wxColour(0, 255, 0); }));
+    EXPECT_EQ(window->GetIcons().GetIconByIndex(0).GetSize(), wxSize(1000, 37));
+    EXPECT_TRUE(until([] { return trayIcon() && colourOf(trayIcon()) == wxColour(0, 0, 255); }));
+    g_autofree char *tooltip = gtk_widget_get_tooltip_text(trayIcon());
+    EXPECT_STREQ(tooltip, "Korvane");
+
+    for (const bool there : {true, false}) {
+        delete window;
         for (const char *name : {"Korvane.bmp", "offline.png"}) {
             fs::remove(kFolder / name);
-            if (picture == "broken")
+            if (there)
                 std::ofstream(kFolder / name) << "no picture";
         }
-        if (picture == "wide")
-            wxImage(1000, 37).SaveFile((kFolder / "Korvane.bmp").string(), wxBITMAP_TYPE_BMP);
         testing::internal::CaptureStderr();
         build();
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(child(kBanner)->GetSize(), wxSize(400, 300));
-        EXPECT_EQ(window->GetIcons().GetIconCount(), picture == "wide" ? 1u : 0u);
-        const wxImage shown =
-            dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
-        EXPECT_EQ(shown.GetRed(200, 150),
-                  picture == "wide" ? 0 : window->GetBackgroundColour().Red());
-        delete window;
+        const auto *banner = dynamic_cast<wxStaticBitmap *>(child(kBanner));
+        EXPECT_EQ(banner->GetSize(), wxSize(400, 300));
+        EXPECT_EQ(banner->GetBitmap().ConvertToImage().GetRed(9, 9), 240);
+        EXPECT_EQ(window->GetIcons().GetIconCount(), 0u);
     }
 }
 

@@ -11,18 +11,16 @@ class wxIconizeEvent;
 class wxStaticText;
 class wxTextCtrl;
 
-// Asks for user name and password, and has an icon in the menu bar. It is created hidden, checks
-// its two fields when "LogIn" is pressed, hides when minimised, and ignores requests to close; only
-// its owner destroys it. On macOS nothing brings a minimised window back (see KorvaneTrayIcon). Its
-// pictures are beside the executable; without them it looks plainer, works the same and reports
-// nothing. Main thread only.
+// Asks for user name and password, and has an icon in the menu bar. It is made hidden, checks its
+// fields when "LogIn" is pressed, hides when minimised, and ignores requests to close: only its
+// owner destroys it. On macOS nothing brings a minimised window back (see KorvaneTrayIcon). Its
+// pictures are beside the executable; without them it works the same. Main thread only.
 class LoginDialog : public wxFrame {
   public:
     explicit LoginDialog(wxWindow *parent);
     ~LoginDialog() override;
 
-    // The fields' texts, in the encoding of the process's current locale. Text that the encoding
-    // cannot represent is read as an empty string.
+    // In the encoding of the process's locale. Text that it cannot represent is read as empty.
     void SetUsername(const std::string &username);
     void SetPassword(const std::string &password);
     std::string GetUsername() const;
@@ -46,6 +44,5 @@ class LoginDialog : public wxFrame {
     KorvaneTrayIcon *m_trayIcon; // frees itself once this window is destroyed
 };
 
-// Returns text without spaces, tabs, line feeds and carriage returns at either end. Nothing calls
-// it yet.
+// Returns text without blanks, tabs and line ends at its ends. Nothing calls it yet.
 std::string trimString(const std::string &text);

@@ -19,7 +19,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const fs::path folder = fs::current_path(); // the user's home, empty but for settings
+const fs::path kFolder = fs::current_path(); // the user's home, empty but for settings
+const fs::path kTrace = "/tmp/korvane_debug.txt";
 
 void write(const fs::path &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
@@ -37,9 +38,9 @@ void setVariable(const char *name, const Value &value) {
 }
 
 TEST(System, UserIsTheFirstVariableThatIsSet) {
-    using Row = std::tuple<Value, Value, std::string>;
-    for (const auto &[user, logname, name] : {Row{"", "bob", ""}, Row{{}, " b ", " b "},
-                                              Row{{}, {}, "unknown"}, Row{"alice", {}, "alice"}}) {
+    const std::tuple<Value, Value, std::string> table[] = {
+        {"", "bob", ""}, {{}, " b ", " b "}, {{}, {}, "unknown"}, {"alice", "bob", "alice"}};
+    for (const auto &[user, logname, name] : table) {
         setVariable("USER", user);
         setVariable("LOGNAME", logname);
         EXPECT_EQ(getOSUsername(), name);
@@ -56,54 +57,71 @@ TEST(System, CompanionIsGoneWhenNothingCanLookForIt) {
 }
 
 TEST(System, FlagOfTheUserEndsSupervisionEvenOfAnEndingProcess) {
-    const fs::path flag = folder / "alice_ManualExit.txt";
-    filepath = folder.string() + "/";
-    write(folder / "elsewhere", "1\nmore");
-    fs::create_symlink(folder / "elsewhere", flag);
+    const fs::path flag = kFolder / "alice_ManualExit.txt";
+    filepath = kFolder.string() + "/";
+    write(kFolder / "elsewhere", "1\nmore");
+    fs::create_symlink(kFolder / "elsewhere", flag);
     EXPECT_EQ(readExitCheck(), "1");
     EXPECT_EQ(uname_windows, "alice");
     KR_Status(1); // there is no application object any more
     EXPECT_FALSE(fs::is_symlink(flag));
-    EXPECT_TRUE(fs::exists(folder / "elsewhere")) << "only the link is deleted";
+    EXPECT_TRUE(fs::exists(kFolder / "elsewhere")) << "only the link is deleted";
 }
 
 TEST(System, ExecutablePathIsTracedWithoutHarmToOtherFiles) {
-    const fs::path trace = "/tmp/korvane_debug.txt";
     const fs::path precious = "/tmp/precious"; // a hard link does not leave its file system
     const fs::path self = fs::read_symlink("/proc/self/exe");
-    write(trace, std::string(9999, 'x'));
+    write(kTrace, std::string(9999, 'x'));
     EXPECT_EQ(getExecutablePath(), self);
-    EXPECT_EQ(read(trace), "ret: 0\nraw path: " + self.string() + "\nsize: 4096\n");
-    fs::rename(self.parent_path(), "away"); // it cannot be resolved
-    EXPECT_EQ(getExecutablePath(), self);
-    fs::rename("away", self.parent_path());
+    EXPECT_EQ(read(kTrace), "ret: 0\nraw path: " + self.string() + "\nsize: 4096\n");
     write(precious, "content");
     for (const std::string plant : {"ln -s /tmp/precious", "ln /tmp/precious", "mkfifo", "mkdir"}) {
-        fs::remove(trace);
-        ASSERT_EQ(std::system((plant + " " + trace.string()).c_str()), 0);
+        fs::remove(kTrace);
+        ASSERT_EQ(std::system((plant + " " + kTrace.string()).c_str()), 0);
         EXPECT_EQ(getExecutablePath(), self);
         EXPECT_EQ(read(precious), "content");
     }
+    fs::rename(self.parent_path(), "away"); // it cannot be resolved
+    EXPECT_EQ(getExecutablePath(), self);
+    fs::rename("away", self.parent_path());
+}
+
+TEST(System, MarkerIsTheFirstLineOfAtMost64KiB) {
+    write("app.version", std::string(5000, 'a') + "\r\nb");
+    EXPECT_EQ(Platform::GetExternalAppVersion("app"), std::string(5000, 'a') + "\r");
+    write("app.version", std::string(100'000, 'a'));
+    EXPECT_EQ(Platform::GetExternalAppVersion("app"), std::string(65536, 'a'));
 }
 
 TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
-    const fs::path agent = folder / "Library/LaunchAgents/com.mervix.korvane.plist";
+    const fs::path agent = kFolder / "Library/LaunchAgents/com.mervix.korvane.plist";
     Platform::SetAutoStart("/nowhere");
-    EXPECT_FALSE(fs::exists(folder / "Library"));
+    EXPECT_FALSE(fs::exists(kFolder / "Library"));
     fs::create_directories(agent.parent_path());
     write(agent, std::string(4000, 'x'));
     Platform::SetAutoStart("/a & b/Korvane");
-    const std::string content = read(agent);
-    EXPECT_NE(content.find("<string>/a & b/Korvane</string>\n"), std::string::npos) << content;
-    EXPECT_TRUE(content.starts_with("<?xml") && content.ends_with("</plist>\n")) << content;
+    const std::string content = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" )"
+                                R"("http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict>
+  <key>Label</key><string>com.mervix.korvane</string>
+  <key>ProgramArguments</key><array>
+    <string>/a & b/Korvane</string>
+  </array>
+  <key>RunAtLoad</key><true/>
+</dict></plist>
+)";
+    EXPECT_EQ(read(agent), content);
     EXPECT_EQ(Platform::GetPublicDesktopPath(), "/Users/Shared/Desktop");
-    EXPECT_EQ(Platform::GetUserDesktopPath(), folder.string() + "/Desktop");
+    EXPECT_EQ(Platform::GetUserDesktopPath(), kFolder.string() + "/Desktop");
+    setVariable("HOME", "");
+    EXPECT_EQ(Platform::GetUserDesktopPath(), "/Desktop");
     setVariable("HOME", std::nullopt);
     Platform::SetAutoStart("/elsewhere");
     Platform::RemoveAutoStart();
     EXPECT_EQ(Platform::GetUserDesktopPath(), "");
     EXPECT_EQ(read(agent), content);
-    setVariable("HOME", folder);
+    setVariable("HOME", kFolder);
     Platform::RemoveAutoStart();
     EXPECT_FALSE(fs::exists(agent));
     Platform::RemoveAutoStart();
