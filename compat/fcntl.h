@@ -5,8 +5,6 @@
 
 #include <unistd.h>
 
-#ifdef __cplusplus
-
 // A type of its own, so that the compiler picks the function below; the value is macOS's.
 enum KorvaneFullFsync { F_FULLFSYNC = 51 };
 
@@ -15,5 +13,3 @@ enum KorvaneFullFsync { F_FULLFSYNC = 51 };
 inline int fcntl(int descriptor, KorvaneFullFsync) {
     return fsync(descriptor);
 }
-
-#endif

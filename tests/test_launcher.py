@@ -16,6 +16,7 @@ from strace import quickly, steps
 
 LOCK = pathlib.Path("/tmp/Korvane.lock")
 PATH_TRACE = pathlib.Path("/tmp/korvane_debug.txt")
+AGENT_FILE = {"Label": "com.mervix.korvane", "RunAtLoad": True}
 ODD_FOLDER = '/home/alice/My "Apps" $HOME `id` \\'
 ODD_BUNDLE = '"/home/alice/My \\"Apps\\" \\$HOME \\`id\\` \\\\/KR.app"'
 
@@ -108,17 +109,21 @@ def test_one_launcher_lives(machine):
 
 
 @pytest.mark.parametrize(
-    "plant", ["install -m 600 /dev/null", "ln -s precious", "ln /tmp/precious", "mkfifo -m 666"]
+    "plant", ["install -m 600 /dev/null", "ln -s alice", "ln alice", "mkfifo -m 666"]
 )
-def test_lock_file_that_cannot_be_opened_keeps_nobody_out(machine, plant):
+def test_what_another_user_plants_in_tmp_is_left_alone(machine, plant):
+    """In the place of the lock file it keeps no launcher out, in that of the trace nothing changes."""
     machine.offer("2.5")
-    pathlib.Path("/tmp/precious").touch()
-    own("/tmp/precious")
-    subprocess.run([*plant.split(), LOCK], check=True)
+    hers = pathlib.Path("/tmp/alice")
+    hers.write_text("hers")
+    own(hers)
+    for path in (LOCK, PATH_TRACE):
+        subprocess.run([*plant.split(), path], check=True, cwd="/tmp")
     for number in (1, 2):
         launcher = machine.launch(quickly([machine.launcher_path]))
         machine.service.wait_for("Korvane_CAP", number)
-        assert not re.search("Korvane.lock|precious", descriptors(launcher))
+        assert not re.search("lock|debug|/tmp/alice", descriptors(launcher))
+    assert hers.read_text() == "hers"
 
 
 @pytest.mark.folder(ODD_FOLDER)
@@ -140,11 +145,7 @@ def test_every_way_to_start_finds_the_folder(machine):
         (program, launcher, []),
     ]:
         process = machine.launch(quickly([path, *arguments]), env=bare, cwd=folder)
-        assert agent_file() == {
-            "Label": "com.mervix.korvane",
-            "ProgramArguments": [str(program)],
-            "RunAtLoad": True,
-        }
+        assert agent_file() == AGENT_FILE | {"ProgramArguments": [str(program)]}
         assert PATH_TRACE.read_text() == f"ret: 0\nraw path: {raw}\nsize: 4096\n"
         assert pathlib.Path(f"/proc/{process.pid}/exe").readlink() == launcher
         words = pathlib.Path(f"/proc/{process.pid}/cmdline").read_text().split("\0")
@@ -166,7 +167,7 @@ def test_path_that_is_too_long_is_none(machine):
     deep.mkdir(parents=True)
     (deep / "link").symlink_to(machine.launcher_path)
     machine.launch(quickly(["./" * 1000 + "link"]), cwd=deep)
-    assert agent_file()["ProgramArguments"] == ["/Korvane"]
+    assert agent_file() == AGENT_FILE | {"ProgramArguments": ["/Korvane"]}
     size = len(f"{deep}/") + 2005
     assert PATH_TRACE.read_text() == f"ret: -1\nraw path: \nsize: {size}\n"
 

@@ -7,10 +7,6 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 typedef const void *CFTypeRef;
 typedef const struct __CFAllocator *CFAllocatorRef;
 typedef const struct __CFString *CFStringRef;
@@ -40,7 +36,3 @@ Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void *value);
 
 // Releases one reference; releasing the last one frees the object and releases what it holds.
 void CFRelease(CFTypeRef object);
-
-#ifdef __cplusplus
-}
-#endif

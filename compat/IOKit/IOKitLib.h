@@ -7,10 +7,6 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 typedef int kern_return_t;
 typedef uint32_t IOOptionBits;
 typedef uint32_t mach_port_t;
@@ -43,7 +39,3 @@ kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry,
                                                 CFAllocatorRef allocator, IOOptionBits options);
 
 kern_return_t IOObjectRelease(io_object_t object);
-
-#ifdef __cplusplus
-}
-#endif

@@ -3,10 +3,6 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 typedef struct dispatch_semaphore_s *dispatch_semaphore_t;
 typedef uint64_t dispatch_time_t;
 
@@ -17,14 +13,9 @@ typedef uint64_t dispatch_time_t;
 // negative.
 dispatch_semaphore_t dispatch_semaphore_create(intptr_t value);
 
-// Takes one from the semaphore's count, blocking while that is 0. Returns 0. The limit must be
-// DISPATCH_TIME_FOREVER.
+// Takes one from the count, and blocks while that is 0. The limit must be DISPATCH_TIME_FOREVER.
+// Returns 0.
 intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_time_t limit);
 
-// Adds one to the semaphore's count. Returns 0, also when that wakes a waiting thread, which macOS
-// would tell.
+// Adds one to the count. Returns 0; macOS also tells whether that wakes a thread.
 intptr_t dispatch_semaphore_signal(dispatch_semaphore_t semaphore);
-
-#ifdef __cplusplus
-}
-#endif

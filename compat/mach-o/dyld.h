@@ -3,15 +3,7 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 // Stores the path that the running executable was started by, absolute but unresolved (links and
 // ".." stay), in buf, whose size in bytes is *bufsize. Returns 0. If the buffer is too small,
 // returns -1, stores the size needed in *bufsize and leaves the buffer untouched.
 int _NSGetExecutablePath(char *buf, uint32_t *bufsize);
-
-#ifdef __cplusplus
-}
-#endif

@@ -24,8 +24,8 @@ const fs::path kFolder = fs::read_symlink("/proc/self/exe").parent_path();
 const fs::path kPathTrace = "/tmp/korvane_debug.txt";
 
 // Handles events until the condition holds.
-bool until(auto condition, std::chrono::milliseconds limit = 60s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+bool until(auto condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
     while (!condition() && std::chrono::steady_clock::now() < deadline) {
         wxTheApp->Yield();
         wxTheApp->ProcessIdle();
@@ -203,28 +203,20 @@ TEST_F(Window, LogInChecksTheFields) {
     build();
     show();
     struct Row {
-        const char *picture, *user, *password, *said;
+        const char *user, *password, *said;
         bool laidOut; // whether what was displaced is back in its place
     };
     const wxPoint home = child(kCaption)->GetPosition();
-    for (const Row &row : {Row{"no-user-name", "", "", "User Id can't be blank.", true},
-                           Row{"no-password", "alice", "", "Password can't be blank.", true},
-                           Row{"filled", "alice", "secret", "", false},
-                           Row{"password", "", "secret", "User Id can't be blank.", true},
-                           Row{"blanks", "  ", " ", "", false}}) {
+    for (const Row &row :
+         {Row{"", "", "User Id can't be blank.", true},
+          Row{"alice", "", "Password can't be blank.", true}, Row{"alice", "secret", "", false},
+          Row{"", "secret", "User Id can't be blank.", true}, Row{"  ", " ", "", false}}) {
         window->SetUsername(row.user);
         window->SetPassword(row.password);
         child(kCaption)->Move(1, 1);
         click(child(kLogIn));
-        EXPECT_TRUE(until([&] { return child(kLabel)->GetLabel() == row.said; })) << row.picture;
+        EXPECT_TRUE(until([&] { return child(kLabel)->GetLabel() == row.said; })) << row.said;
         EXPECT_EQ(child(kCaption)->GetPosition(), row.laidOut ? home : wxPoint(1, 1));
-        window->Layout();
-        until([] { return false; }, 300ms); // what is drawn bit by bit
-        GdkWindow *drawn = gtk_widget_get_window(window->GetHandle());
-        const wxSize size = window->GetClientSize();
-        g_autoptr(GdkPixbuf) picture = gdk_pixbuf_get_from_window(drawn, 0, 0, size.x, size.y);
-        const std::string file = std::string(row.picture) + ".png";
-        gdk_pixbuf_save(picture, file.c_str(), "png", nullptr, nullptr);
     }
 }
 
