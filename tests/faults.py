@@ -34,12 +34,6 @@ def status(handler, content, number):
 
 
 @fault
-def body(handler, content, text):
-    """A good answer with another body."""
-    handler.send(200, text)
-
-
-@fault
 def redirect(handler, content):
     """A redirect to the download."""
     handler.head(302, 0, Location=service.DOWNLOAD_PATH)

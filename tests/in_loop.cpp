@@ -1,8 +1,7 @@
-// Runs the launcher's OnInit inside a running event loop, where wxExit returns, and logs what
-// happens. Sleeps take no time. SIGUSR1 ends the loop, and SIGUSR2 calls exit(7) from inside it.
-// With an argument there is a login window, and a thread in the slot, which must be joined first.
-// After everything has been torn down, the process goes on while somebody else locks /tmp/held:
-// what the supervision thread uses must still be there.
+// Runs the launcher's OnInit inside a running event loop, and logs what happens. Sleeps take no
+// time. SIGUSR1 ends the loop, and SIGUSR2 calls exit(7) from inside it. With an argument there is
+// a login window, and a thread in the slot. After everything has been torn down, the process goes
+// on while somebody else locks /tmp/held: what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
 
@@ -12,6 +11,7 @@
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <gtk/gtk.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <wx/app.h>
 #include <wx/image.h>
@@ -23,8 +23,7 @@ void log(const char *what) {
     dprintf(STDERR_FILENO, "\nin_loop: %s\n", what);
 }
 
-// Registered before any other constructor runs, so called after every destructor and every other
-// handler.
+// Registered before any other constructor runs, so called after every other handler.
 __attribute__((constructor(101))) void lingerAtExit() {
     std::atexit([] {
         log("torn down");
@@ -37,12 +36,7 @@ gboolean end(void *byExit) {
     return G_SOURCE_REMOVE;
 }
 
-bool isDark() {
-    gboolean dark = FALSE;
-    g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, nullptr);
-    return dark;
-}
-
+constexpr const char *kDark = "gtk-application-prefer-dark-theme";
 wxApp *launcher = nullptr;
 
 class LoopApp : public wxApp {
@@ -52,24 +46,24 @@ class LoopApp : public wxApp {
             g_dlg->Bind(wxEVT_CLOSE_WINDOW, [](wxCloseEvent &event) {
                 log(event.CanVeto() ? "asked to close" : "told to close");
             });
-            g_threads[0] = std::thread([] {});
+            g_threads[0] = std::thread([] {
+                poll(nullptr, 0, 200);
+                log("joined");
+            });
         }
         g_unix_signal_add(SIGUSR1, end, nullptr);
         g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
-        g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE,
-                     nullptr);
+        g_object_set(gtk_settings_get_default(), kDark, TRUE, nullptr);
         CallAfter([] {
-            launcher->OnInit();
-            log(g_threads[0].joinable() ? "supervised" : "not supervised");
+            log(launcher->OnInit() && g_threads[0].joinable() ? "supervised" : "not supervised");
         });
         return true;
     }
     void Exit() override {
-        log(g_threads[0].joinable() ? "wxExit before the thread is joined" : "wxExit");
-        if (g_dlg && isDark())
-            log("dark");
-        if (!wxImage::FindHandler("PNG file"))
-            log("no pictures");
+        gboolean dark = FALSE;
+        g_object_get(gtk_settings_get_default(), kDark, &dark, nullptr);
+        log("wxExit");
+        log(g_dlg && dark ? "dark" : wxImage::FindHandler("PNG file") ? "light" : "no pictures");
     }
     void ExitMainLoop() override {
         if (IsMainLoopRunning()) // not while the process ends

@@ -11,7 +11,8 @@ import subprocess
 import faults
 import pytest
 import tools
-from machine import AGENT, HOME, companion_program, companions, end, end_all, own, processes, until
+from machine import AGENT, HOME, companion_program, companions, end, end_all, own, processes
+from machine import state, until
 from strace import quickly, steps
 
 LOCK = pathlib.Path("/tmp/Korvane.lock")
@@ -31,20 +32,17 @@ UPDATE = (
 )
 LAUNCHER = "sleep 2; open Korvane.version; ask; "
 FLAG = "open alice_ManualExit.txt; "
-CYCLE = (
-    "sleep 1; " * 3 + FLAG + ("sleep 1; " * 5 + FLAG) * 5 + "sleep 1; " * 2 + "run pgrep -x KR; "
-)
+PASS = "sleep 1; "
+CYCLE = PASS * 3 + FLAG + (PASS * 5 + FLAG) * 5 + PASS * 2 + "run pgrep -x KR; "
+
+
+def said(*command, **options):
+    return subprocess.run(command, stdout=subprocess.PIPE, text=True, **options).stdout
 
 
 def descriptors(launcher):
     """What the launcher has open, a line each."""
-    look = ["ls", "-l", f"/proc/{launcher.pid}/fd"]
-    return subprocess.run(look, capture_output=True, text=True).stdout
-
-
-def zombies(launcher):
-    look = ["ps", "--ppid", str(launcher.pid), "-o", "stat="]
-    return "Z" in subprocess.run(look, capture_output=True, text=True).stdout
+    return said("ls", "-l", f"/proc/{launcher.pid}/fd")
 
 
 def agent_file():
@@ -80,13 +78,12 @@ def test_current_companion_is_left_alone_without_a_window(machine):
     machine.offer("2.6.9.9", launcher="2.6.9.9")
     machine.marker.unlink()  # the one beside the executable counts, which was a link to another
     machine.marker.write_text("2.6\n")
-    pid, before = machine.start_companion(), machine.companion.stat()
+    pid, before = machine.start_companion(), state(machine.companion)
     machine.launch()
     agent_file()
     assert machine.service.order() == ["KR_CAP", "Korvane_CAP"]
-    assert (companions(), machine.companion.stat()) == ([pid], before)
-    look = ["xdotool", "search", "--onlyvisible", "--name", ".*"]
-    shown = subprocess.run(look, env=machine.environment, capture_output=True, text=True).stdout
+    assert (companions(), state(machine.companion)) == ([pid], before)
+    shown = said("xdotool", "search", "--onlyvisible", "--name", ".*", env=machine.environment)
     assert len(shown.split()) == 1, "only the root window is shown"
 
 
@@ -112,7 +109,7 @@ def test_one_launcher_lives(machine):
     "plant", ["install -m 600 /dev/null", "ln -s alice", "ln alice", "mkfifo -m 666"]
 )
 def test_what_another_user_plants_in_tmp_is_left_alone(machine, plant):
-    """In the place of the lock file it keeps no launcher out, in that of the trace nothing changes."""
+    """In the lock file's place it keeps nobody out."""
     machine.offer("2.5")
     hers = pathlib.Path("/tmp/alice")
     hers.write_text("hers")
@@ -156,9 +153,8 @@ def test_every_way_to_start_finds_the_folder(machine):
     shutil.move(folder / "Korvane.app", HOME)
     process = machine.launch([program], stdout=subprocess.DEVNULL)
     assert process.wait(60) == 127
-    assert process.output.read_text() == (
-        f"Korvane: cannot start {launcher}: No such file or directory\n"
-    )
+    reason = f"Korvane: cannot start {launcher}: No such file or directory\n"
+    assert process.output.read_text() == reason
 
 
 def test_path_that_is_too_long_is_none(machine):
@@ -193,14 +189,15 @@ def test_supervision_probes_every_cycle_and_obeys_only_the_exact_flag(machine):
     probes = steps().count("pgrep")
     until(lambda: steps().count("pgrep") > probes + 1, "a probe that sees the companion")
     machine.offer("2.6")
-    asked, before = len(machine.service.requests), machine.companion.stat()
+    asked, before = len(machine.service.requests), state(machine.companion)
     until(lambda: steps().count("pgrep") > probes + 5, "probes")
     until(lambda: descriptors(launcher).count("\n") <= opened, "nothing more is open than before")
-    until(lambda: not zombies(launcher), "what it has run is collected")
+    children = ["ps", "--ppid", str(launcher.pid), "-o", "stat="]
+    until(lambda: "Z" not in said(*children), "what it has run is collected")
     machine.flag.write_text("1\n")
     assert launcher.wait(60) == 0
     assert not machine.flag.exists() and companions() == [pid]
-    assert len(machine.service.requests) == asked and machine.companion.stat() == before
+    assert len(machine.service.requests) == asked and state(machine.companion) == before
     until(lambda: not processes("strace"), "the whole script")
     last = f"(sleep 1; ){{3}}({FLAG}(sleep 1; ){{5}}){{,5}}{FLAG}"
     assert re.fullmatch(f"{BEGIN}{COMPANION}{LAUNCHER}({CYCLE}({COMPANION})?)*{last}", steps())
@@ -231,8 +228,8 @@ def told(launcher):
 def in_loop(machine):
     """Starts the launcher inside a running event loop, from its place in the bundle."""
     shutil.copy("/build/tests/in_loop", machine.launcher_path)
-    environment = machine.environment | {"PATH": f"{tools.PATH}:/usr/bin"}
-    return lambda *arguments: machine.launch([machine.launcher_path, *arguments], env=environment)
+    machine.environment["PATH"] = f"{tools.PATH}:/usr/bin"
+    return lambda *arguments: machine.launch([machine.launcher_path, *arguments])
 
 
 @pytest.mark.memory
@@ -242,8 +239,9 @@ def test_outdated_launcher_ends_a_running_loop(machine, in_loop, window):
     machine.offer("2.5", launcher="2.6")
     launcher = in_loop(*window)
     assert launcher.wait(60) == 0
-    closed = ["told to close"] if window else []
-    assert told(launcher) == ["wxExit", "supervised", *closed, "left", "torn down"]
+    joined, closed = (["joined"], ["told to close"]) if window else ([], [])
+    begin = [*joined, "wxExit", "light", "supervised"]
+    assert told(launcher) == [*begin, *closed, "left", "torn down"]
     assert AGENT.exists()
 
 
@@ -273,7 +271,8 @@ def test_flag_ends_the_loop(machine, in_loop, updating):
 def test_process_ends_under_its_thread(machine, in_loop, downloading, number, status):
     """Nothing waits for the thread, and all that it uses outlives everything else."""
     machine.offer("2.5")
-    before = machine.companion.stat()
+    machine.environment["USER"] = "a user whose name does not fit into a string object"
+    before = state(machine.companion)
     with open("/tmp/held", "w") as held:
         fcntl.flock(held, fcntl.LOCK_EX)
         launcher = in_loop()
@@ -293,4 +292,4 @@ def test_process_ends_under_its_thread(machine, in_loop, downloading, number, st
         enough = progress() + 3
         until(lambda: progress() > enough, "the thread goes on")
     assert launcher.wait(60) == status
-    assert machine.companion.stat() == before
+    assert state(machine.companion) == before
