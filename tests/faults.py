@@ -51,13 +51,6 @@ def headers(handler, content, *lines, part=1):
     handler.request.unwrap()
 
 
-def cut(offset):
-    """The length of a good answer, of which so many bytes come, and a close in good order."""
-    return lambda handler, content: headers("Content-Length: {whole}", part=offset / len(content))(
-        handler, content
-    )
-
-
 @fault
 def chunks(handler, content, pack=bytes, last=b"0\r\n\r\n", **headers):
     """A good answer in one chunk, packed by this function, and the last chunk, which is empty."""
@@ -67,9 +60,9 @@ def chunks(handler, content, pack=bytes, last=b"0\r\n\r\n", **headers):
 
 
 @fault
-def reset(handler, content, offset):
-    """A TCP reset after so many bytes."""
-    begin(handler, content, offset)
+def reset(handler, content):
+    """A TCP reset after a part that reads as a newer version."""
+    begin(handler, content, 6)
     handler.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     handler.request.close()
 

@@ -1,39 +1,118 @@
-// The operating system's side: files, processes, the agent file, queries. Runs as an ordinary user,
-// with a display.
+// What the launcher takes the system to mean, and what it makes of files, processes and the
+// environment. On a Mac the system is macOS, on Linux it is compat/. Harmless to everything else.
 #include "app/Globals.h"
 #include "app/Korvane_Cross_launcher.h"
+#include "platform/Closing.h"
 #include "platform/Platform.h"
+#include "platform/UniqueFd.h"
 #include "supervise/CompanionProcess.h"
 #include "supervise/ManualExitFlag.h"
 #include "supervise/Supervision.h"
 
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <gtest/gtest.h>
+#include <mach-o/dyld.h>
 #include <optional>
+#include <sstream>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
 
-const fs::path kFolder = fs::current_path(); // the user's home, empty but for settings
+const std::string kName = "m" + std::to_string(getpid()) + "eant"; // Linux cuts it at 15 characters
+const std::string kFolder = fs::canonical(fs::temp_directory_path()) / kName / "";
+std::string self(4096, '\0');
+
+// Copies this program; main() tells what a copy does.
+std::string copyTo(const std::string &path) {
+    fs::create_directories(fs::path(path).parent_path());
+    fs::copy_file(self, path);
+    return path;
+}
+
+auto start(const std::string &command) {
+    return std::unique_ptr<std::FILE, Closing<pclose>>(popen(command.c_str(), "r"));
+}
+
+std::string line(const auto &file) {
+    char text[4096] = "";
+    return std::fgets(text, sizeof text, file.get()) ? text : "";
+}
 
 void write(const fs::path &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string read(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 using Value = std::optional<std::string>;
 
 void setVariable(const char *name, const Value &value) {
     value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+}
+
+// The tools' ancestor, this process, has that name, and that pattern in its command line.
+TEST(System, ProcessesAreFoundByExactNameAndEndedByPattern) {
+    auto stays = start("exec " + self + " stay");
+    const std::string pid = line(stays);
+    EXPECT_EQ(line(start("echo $(pgrep -x " + kName + ")")), pid);
+    EXPECT_EQ(line(start("pgrep -x " + kName.substr(0, kName.size() - 1))), "");
+    Platform::CloseExternalApp(self);
+    const int status = pclose(stays.release());
+    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+}
+
+TEST(System, CompanionIsGoneWhenNothingCanLookForIt) {
+    rlimit files = {};
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(KR_TitleCheck());
+    setrlimit(RLIMIT_NOFILE, &files);
+}
+
+TEST(System, ExecutablePathIsTheOneStarted) {
+    std::uint32_t size = self.size(); // no room for the zero byte
+    std::string buffer(size, '.');
+    EXPECT_EQ(_NSGetExecutablePath(buffer.data(), &size), -1);
+    EXPECT_EQ(size, self.size() + 1);
+    EXPECT_EQ(buffer, std::string(self.size(), '.'));
+    const std::string launcher = copyTo(kFolder + "Korvane.app/Contents/MacOS/Korvane");
+    fs::create_symlink(launcher, kFolder + "link");
+    fs::create_symlink("../Korvane", kFolder + "Korvane.app/link"); // to the log-in program
+    EXPECT_EQ(line(start(kFolder + "link where")), kFolder + "link\n");
+    EXPECT_EQ(line(start(kFolder + "Korvane.app/link where")), launcher + "\n");
+    const std::string folder = kFolder.substr(0, kFolder.size() - 1);
+    fs::rename(folder, folder + "away"); // so it cannot be resolved
+    EXPECT_EQ(getExecutablePath(), self);
+    fs::rename(folder + "away", folder);
+}
+
+TEST(System, FilesReachStableStorageAndReplaceOthers) {
+    for (const auto &path : {self, kFolder})
+        EXPECT_EQ(fcntl(UniqueFd(open(path.c_str(), O_RDONLY)).get(), F_FULLFSYNC), 0) << path;
+    fs::rename(copyTo(kFolder + "newer"), self); // while it runs
+    fs::permissions(self, fs::perms::owner_read | fs::perms::owner_exec);
+    fs::rename(copyTo(kFolder + "newest"), self); // and read-only
+}
+
+TEST(System, SemaphoresBlockUntilReleased) {
+    static dispatch_semaphore_t semaphore = nullptr; // nothing frees it
+    Platform::SemInit(semaphore, -1);
+    EXPECT_EQ(semaphore, nullptr);
+    Platform::SemInit(semaphore, 1);
+    Platform::SemWait(semaphore);
+    Platform::SemDestroy(semaphore); // without effect
+    const auto waiter = std::async(std::launch::async, Platform::SemWait, std::ref(semaphore));
+    EXPECT_EQ(waiter.wait_for(20ms), std::future_status::timeout);
+    Platform::SemRelease(semaphore);
 }
 
 TEST(System, UserIsTheFirstVariableThatIsSet) {
@@ -46,60 +125,47 @@ TEST(System, UserIsTheFirstVariableThatIsSet) {
     }
 }
 
-TEST(System, CompanionIsGoneWhenNothingCanLookForIt) {
-    rlimit files = {};
-    getrlimit(RLIMIT_NOFILE, &files);
-    const rlimit none = {0, files.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_FALSE(KR_TitleCheck());
-    setrlimit(RLIMIT_NOFILE, &files);
-}
-
 TEST(System, FlagOfTheUserEndsSupervisionEvenOfAnEndingProcess) {
-    const fs::path flag = kFolder / "alice_ManualExit.txt";
-    filepath = kFolder.string() + "/";
-    write(kFolder / "elsewhere", "1\nmore");
-    fs::create_symlink(kFolder / "elsewhere", flag);
+    const fs::path flag = kFolder + "alice_ManualExit.txt", elsewhere = kFolder + "elsewhere";
+    filepath = kFolder;
+    setVariable("USER", "alice");
+    write(elsewhere, "1\nmore");
+    fs::create_symlink(elsewhere, flag);
     EXPECT_EQ(readExitCheck(), "1");
     EXPECT_EQ(uname_windows, "alice");
     KR_Status(1); // there is no application object any more
     EXPECT_FALSE(fs::is_symlink(flag));
-    EXPECT_TRUE(fs::exists(kFolder / "elsewhere")) << "only the link is deleted";
-}
-
-TEST(System, ExecutablePathIsUnresolvedWhenItCannotBeResolved) {
-    const fs::path self = fs::read_symlink("/proc/self/exe");
-    fs::rename(self.parent_path(), "away");
-    EXPECT_EQ(getExecutablePath(), self);
-    fs::rename("away", self.parent_path());
+    EXPECT_TRUE(fs::exists(elsewhere)) << "only the link is deleted";
 }
 
 TEST(System, MarkerIsTheFirstLineOfAtMost64KiB) {
-    write("app.version", std::string(5000, 'a') + "\r\nb");
-    EXPECT_EQ(Platform::GetExternalAppVersion("app"), std::string(5000, 'a') + "\r");
-    write("app.version", std::string(100'000, 'a'));
-    EXPECT_EQ(Platform::GetExternalAppVersion("app"), std::string(65536, 'a'));
+    write(kFolder + "app.version", std::string(5000, 'a') + "\r\nb");
+    EXPECT_EQ(Platform::GetExternalAppVersion(kFolder + "app"), std::string(5000, 'a') + "\r");
+    write(kFolder + "app.version", std::string(100'000, 'a'));
+    EXPECT_EQ(Platform::GetExternalAppVersion(kFolder + "app"), std::string(65536, 'a'));
 }
 
 TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
-    const fs::path agent = kFolder / "Library/LaunchAgents/com.mervix.korvane.plist";
+    const fs::path agent = kFolder + "Library/LaunchAgents/com.mervix.korvane.plist";
+    setVariable("HOME", kFolder);
     Platform::SetAutoStart("/nowhere");
-    EXPECT_FALSE(fs::exists(kFolder / "Library"));
+    EXPECT_FALSE(fs::exists(kFolder + "Library"));
     fs::create_directories(agent.parent_path());
     write(agent, std::string(4000, 'x'));
     Platform::SetAutoStart("/a & b/Korvane");
-    const std::string content = read(agent);
-    EXPECT_NE(content.find("<string>/a & b/Korvane</string>\n"), std::string::npos) << content;
-    EXPECT_TRUE(content.starts_with("<?xml") && content.ends_with("</plist>\n")) << content;
+    std::stringstream content;
+    content << std::ifstream(agent).rdbuf();
+    EXPECT_NE(content.str().find("<string>/a & b/Korvane</string>\n"), std::string::npos);
+    EXPECT_TRUE(content.str().starts_with("<?xml") && content.str().ends_with("</plist>\n"));
     EXPECT_EQ(Platform::GetPublicDesktopPath(), "/Users/Shared/Desktop");
-    EXPECT_EQ(Platform::GetUserDesktopPath(), kFolder.string() + "/Desktop");
+    EXPECT_EQ(Platform::GetUserDesktopPath(), kFolder + "/Desktop");
     setVariable("HOME", "");
     EXPECT_EQ(Platform::GetUserDesktopPath(), "/Desktop");
     setVariable("HOME", std::nullopt);
     Platform::SetAutoStart("/elsewhere");
     Platform::RemoveAutoStart();
     EXPECT_EQ(Platform::GetUserDesktopPath(), "");
-    EXPECT_EQ(read(agent), content);
+    EXPECT_TRUE(fs::exists(agent));
     setVariable("HOME", kFolder);
     Platform::RemoveAutoStart();
     EXPECT_FALSE(fs::exists(agent));
@@ -109,6 +175,10 @@ TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
 }
 
 TEST(System, IdleTimeIsTheDisplays) {
+    EXPECT_GE(Platform::GetIdleTimeSeconds(), 0);
+    const Value bareDisplay = std::getenv("DISPLAY_WITHOUT_IDLE_TIME");
+    if (!bareDisplay)
+        return; // on a Mac
     const auto handles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
     const auto before = handles();
     const auto begin = std::chrono::steady_clock::now();
@@ -119,17 +189,55 @@ TEST(System, IdleTimeIsTheDisplays) {
     EXPECT_GE(elapsed(), 2s);
     // And nothing where it cannot be told: by a server that does not count it, one that is not
     // there, and none.
-    const Value others[] = {std::getenv("DISPLAY_WITHOUT_IDLE_TIME"), ":999", std::nullopt};
-    for (const auto &other : others) {
+    for (const auto &other : {bareDisplay, Value(":999"), Value()}) {
         setVariable("DISPLAY", other);
         EXPECT_EQ(Platform::GetIdleTimeSeconds(), 0);
     }
     EXPECT_EQ(handles(), before) << "every handle has been released";
 }
 
+TEST(Open, StartsOneMoreThatIsNobodysChild) {
+    if (std::system("! command -v launchctl >/dev/null || launchctl print gui/$(id -u) >/dev/null"))
+        GTEST_SKIP() << "no session with a screen"; // which open does not need on Linux
+    copyTo(kFolder + "Opened.app/Contents/MacOS/Opened");
+    write(kFolder + "Opened.app/Contents/Info.plist", // compat/bin/open goes by the names
+          "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>Opened</string>"
+          "<key>CFBundleIdentifier</key><string>com.mervix.korvane.opened</string>"
+          "<key>LSBackgroundOnly</key><true/></dict></plist>");
+    const std::string told = kFolder + "told";
+    mkfifo(told.c_str(), 0600);
+    setVariable("TOLD", told);
+    for (int instance = 0; instance < 2; ++instance)
+        ASSERT_EQ(std::system(("open -n " + kFolder + "Opened.app").c_str()), 0);
+    const std::unique_ptr<std::FILE, Closing<std::fclose>> both(std::fopen(told.c_str(), "r+"));
+    const std::string first = line(both), second = line(both);
+    EXPECT_TRUE(first.starts_with("parent 1 in /, process ")) << first;
+    EXPECT_NE(first, second);
+}
+
 } // namespace
 
-// In the place of the C library's. Whole seconds take no time.
-extern "C" int nanosleep(const timespec *time, timespec *) {
-    return time->tv_sec > 0 ? 0 : clock_nanosleep(CLOCK_MONOTONIC, 0, time, nullptr);
+// The argument is the log-in program. Goes on as a copy whose name nobody else has.
+int main(int argc, char **argv) {
+    alarm(100); // what does not end by itself ends all the same
+    std::uint32_t size = self.size();
+    _NSGetExecutablePath(self.data(), &size);
+    self = self.c_str();
+    const std::string role = argc > 1 ? argv[1] : "";
+    if (role == "where")
+        return std::puts(self.c_str()) < 0;
+    if (role == "stay")
+        return dprintf(STDOUT_FILENO, "%d\n", getpid()) + pause();
+    if (self.ends_with("/Opened"))
+        return std::system("echo parent $(ps -o ppid= -p $PPID) in $(pwd), process $PPID >$TOLD");
+    if (!self.ends_with(kName)) {
+        std::string copy = copyTo(kFolder + kName);
+        argv[0] = copy.data();
+        return execv(argv[0], argv);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    fs::copy_file(argv[1], kFolder + "Korvane");
+    const int status = RUN_ALL_TESTS();
+    fs::remove_all(kFolder);
+    return status == 0 && testing::UnitTest::GetInstance()->skipped_test_count() > 0 ? 77 : status;
 }

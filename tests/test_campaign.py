@@ -36,6 +36,9 @@ NOT_ASKED = Expected("old", 1, 0, "nothing", None)
 FAILED = Expected("old", 1, 1, "nothing", None)
 NEW = Expected("new", 1, 1, "nothing", None)
 NEW_TWICE = NEW._replace(starts=2, downloads=2)
+FOLDER_STAYS = NOT_STAGED._replace(executable="folder")
+NOTHING_APPEARS = NOT_ASKED._replace(executable="absent")
+LINK_STAYS = FAILED._replace(left="whole")
 OUTDATED = NEW._replace(status=255)
 DISPLAY_LOST = NEW._replace(status=1)
 KILLED_EARLY = Expected("old", 0, 0, "leftovers", -9)
@@ -89,42 +92,14 @@ def install_old(target):
     sandbox.own(target.parent)
 
 
-def answer(kind, fault):
+def answer(kind, fault, later=False, size=None):
+    """A fault of the service, at once or after a good version, of a download of some size."""
+
     def bring_about(r):
-        r.service.faults[kind] = fault
+        if size:
+            r.payload = r.service.payload = sandbox.companion_program("2.6", size)
+        r.service.faults = {"version": faults.once(**{kind: fault})} if later else {kind: fault}
         r.came_about = lambda: kind in r.service.played
-
-    return bring_about
-
-
-def then(kind, fault):
-    """A good version, and this fault from then on."""
-
-    def bring_about(r):
-        answer(kind, None)(r)
-        r.service.faults = {"version": faults.once(**{kind: fault})}
-
-    return bring_about
-
-
-def part_of(kind, make):
-    """A fault after a part of the answer; after enough of a version to read as a newer one."""
-
-    def bring_about(r):
-        if kind == "version":
-            r.machine.offer("99.9.9.9", launcher="99.9.9.9")
-            r.offset = r.chance.randrange(3, 9)
-        answer(kind, make(r.offset))(r)
-
-    return bring_about
-
-
-def large(size, fault):
-    """A fault of a download of this size."""
-
-    def bring_about(r):
-        r.payload = r.service.payload = sandbox.companion_program("2.6", size)
-        answer("download", fault)(r)
 
     return bring_about
 
@@ -180,14 +155,14 @@ def system_call(call, how):
     return bring_about
 
 
-def certificate(bring_about, name, reason):
+def certificate(name, reason, later=False):
     """A certificate that is refused for this reason."""
 
-    def refused(r):
-        bring_about("connect", faults.certificate(name))(r)
+    def bring_about(r):
+        answer("connect", faults.certificate(name), later)(r)
         r.came_about = lambda: reason in r.launcher.output.read_text()
 
-    return refused
+    return bring_about
 
 
 def long_version(size):
@@ -273,55 +248,42 @@ def cut_gzip(content):
 # Those that sleep longest come first, which is the order that CTest starts them in on a new
 # machine. Limits are played from both sides, within a fifth: 15 s for a handshake, 30 s for a
 # version and for what may come slower than 1024 bytes a second, 64 KiB for a version.
+LATE, TOO_LATE = faults.late_handshake(12.5), faults.late_handshake(17.5)
+CUT = faults.headers("Content-Length: {whole}", part=0.6)
 ROUNDS = {
-    "download: slow": (large(74_000, faults.trickle(1200)), NEW),
-    "download: too slow": (large(54_000, faults.trickle(850)), FAILED),
-    "handshake: late": (answer("connect", faults.late_handshake(12.5)), NEW),
-    "handshake: too late": (answer("connect", faults.late_handshake(17.5)), NO_UPDATE),
-    "download: handshake too late": (then("connect", faults.late_handshake(17.5)), NOT_ASKED),
+    "download: slow": (answer("download", faults.trickle(1200), size=74_000), NEW),
+    "download: too slow": (answer("download", faults.trickle(850), size=54_000), FAILED),
+    "handshake: late": (answer("connect", LATE), NEW),
+    "handshake: too late": (answer("connect", TOO_LATE), NO_UPDATE),
+    "download: handshake too late": (answer("connect", TOO_LATE, later=True), NOT_ASKED),
     "name: servers are silent": (silent_name_servers, NO_UPDATE),
     "version: late": (answer("version", faults.once(faults.pause(26))), NEW),
     "version: too late": (answer("version", faults.once(faults.pause(34, 6))), NO_UPDATE),
-    "download: pauses": (large(50_000, faults.pause(26, 500)), NEW),
-    "download: pauses too long": (large(50_000, faults.pause(34, 500, length=False)), FAILED),
-    "download: length": (answer("download", faults.headers("Content-Length: {whole}")), NEW),
+    "download: pauses": (answer("download", faults.pause(26, 500)), NEW),
+    "download: pauses too long": (answer("download", faults.pause(34, 500, length=False)), FAILED),
     "version: long": (long_version(64 << 10), NEW),
     "version: too long": (long_version((64 << 10) + 1), NO_UPDATE),
     "version: endless": (answer("version", faults.endless()), NO_UPDATE),
     "version: redirect": (answer("version", faults.redirect()), NO_UPDATE),
-    "version: reset": (part_of("version", faults.reset), NO_UPDATE),
-    "version: cut": (part_of("version", faults.cut), NO_UPDATE),
+    "version: cut": (answer("version", CUT), NO_UPDATE),
     "version: chunks, cut": (answer("version", faults.chunks(last=b"")), NO_UPDATE),
+    "version: reset": (answer("version", faults.reset()), NO_UPDATE),
     "version: error with a version": (answer("version", faults.status(500)), NEW),
-    "download: reset": (part_of("download", faults.reset), FAILED),
-    "download: cut": (part_of("download", faults.cut), FAILED),
-    "download: chunks": (answer("download", faults.chunks(Content_Encoding="identity")), NEW),
-    "download: chunks, cut": (answer("download", faults.chunks(last=b"")), FAILED),
+    "download: length": (answer("download", faults.headers("Content-Length: {whole}")), NEW),
     "download: no length": (answer("download", faults.headers()), NEW),
-    "download: empty": (answer("download", faults.headers("Content-Length: 0", part=0)), FAILED),
-    "download: redirect": (answer("download", faults.once(faults.redirect())), FAILED),
-    "download: partial": (answer("download", faults.status(206)), FAILED),
+    "download: chunks": (answer("download", faults.chunks(Content_Encoding="identity")), NEW),
     "folder: read-only": (shell("chmod 555 ."), NOT_STAGED),
-    "folder: in the target's place": (
-        shell("rm KR; install -d -o alice KR"),
-        NOT_STAGED._replace(executable="folder"),
-    ),
+    "folder: in the target's place": (shell("rm KR; install -d -o alice KR"), FOLDER_STAYS),
+    "folder: missing": (shell("rm -r ../MacOS ../../../.KR.download"), NOTHING_APPEARS),
     "folder: bundle's is read-only": (shell("cd ../../..; rm .KR.download; chmod 555 ."), NEW),
     "folder: bundle is swapped": (meanwhile("cp -a KR.app new; rm -r KR.app; mv new KR.app"), NEW),
     "folder: bundle is a link": (linked_bundle, NEW),
-    "folder: missing": (
-        shell("rm -r ../MacOS ../../../.KR.download"),
-        NOT_STAGED._replace(executable="absent", left="nothing"),
-    ),
     "target: missing": (shell("rm KR"), NEW),
     "target: read-only": (shell("chmod 444 KR"), NOT_STAGED),
     "target: becomes read-only": (meanwhile("chmod 444 KR.app/Contents/MacOS/KR"), FAILED),
     "target: another user's": (shell("chown root . KR; chmod 1777 ."), NOT_STAGED),
     "target: goes on running": (running, NEW),
-    "staging file: a link": (
-        meanwhile("mv .KR.download ~alice; ln -s ~alice/.KR.download ."),
-        FAILED._replace(left="whole"),
-    ),
+    "staging file: a link": (meanwhile("mv .KR.download ~alice; ln -s ~alice/.KR* ."), LINK_STAYS),
     "staging file: another launcher's": (another_launcher, NEW_TWICE),
     "disk: full": (full_disk, FAILED),
     "disk: rename fails": (meanwhile("cd KR.app/Contents/MacOS; mount --bind . ."), FAILED),
@@ -342,11 +304,17 @@ for name, reason in {
     "self-signed": "self-signed certificate",
     "wrong-host": "no alternative certificate subject name matches",
 }.items():
-    ROUNDS[f"version: {name}"] = certificate(answer, name, reason), NO_UPDATE
-    ROUNDS[f"download: {name}"] = certificate(then, name, reason), NOT_ASKED
+    ROUNDS[f"version: {name}"] = certificate(name, reason), NO_UPDATE
+    ROUNDS[f"download: {name}"] = certificate(name, reason, later=True), NOT_ASKED
 for error in ("EOPNOTSUPP", "ENOTTY", "EINVAL"):
     ROUNDS[f"disk: no cache flush, {error}"] = system_call("fsync", f"error={error}:when=1"), NEW
 for name, fault in {
+    "cut": CUT,
+    "chunks, cut": faults.chunks(last=b""),
+    "reset": faults.reset(),
+    "empty": faults.headers("Content-Length: 0", part=0),
+    "redirect": faults.once(faults.redirect()),
+    "partial": faults.status(206),
     "content coding": faults.chunks(gzip.compress, Content_Encoding="gzip"),
     "transfer coding": faults.chunks(gzip.compress, Transfer_Encoding="gzip, chunked"),
     "transfer coding, cut": faults.chunks(cut_gzip, Transfer_Encoding="gzip, chunked"),
@@ -358,8 +326,6 @@ for name, fault in {
     "length and chunks": faults.chunks(Content_Length=7),
 }.items():
     ROUNDS[f"download: {name}"] = answer("download", fault), FAILED
-
-
 IN_MEMORY = re.compile("download: (cut|reset|chunks)|killed: in the download|disk: full|.* a link")
 
 

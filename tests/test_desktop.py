@@ -12,14 +12,8 @@ from machine import HOME
 FOLDER = HOME / "prógram"
 
 
-PROGRAMS = [
-    pytest.param("meanings"),
-    pytest.param("system", marks=pytest.mark.memory),
-    pytest.param("window", marks=pytest.mark.memory),
-]
-
-
-@pytest.mark.parametrize("program", PROGRAMS)
+@pytest.mark.memory
+@pytest.mark.parametrize("program", ["system", "window"])
 def test_program(program):
     """Runs as alice, from a folder of its own with the launcher's pictures. A second X server does
     not count the time since the last input."""

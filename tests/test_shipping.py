@@ -101,7 +101,7 @@ def test_service_check_asks_as_the_launcher_does(machine):
     assert machine.service.order() == ["KR_CAP", "Korvane_CAP", "download"]
     for wrong in ([old], ["-h"], [new, old]):
         assert check(*wrong) == (2, "")
-    machine.service.faults["download"] = faults.cut(100)
+    machine.service.faults["download"] = faults.reset()
     new.unlink()
     assert check(new) == (1, "")
     machine.offer("2.6", launcher="none")
