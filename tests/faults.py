@@ -10,9 +10,11 @@ import service
 
 def fault(function):
     """Makes cut(1000) return a function that plays the fault, given the handler and the answer."""
-    return lambda *details, **named: lambda handler, content: function(
-        handler, content, *details, **named
-    )
+
+    def with_details(*details, **named):
+        return lambda handler, content: function(handler, content, *details, **named)
+
+    return with_details
 
 
 def connection_lost():
@@ -110,14 +112,10 @@ def late_handshake(handler, _, seconds):
 @fault
 def certificate(handler, _, name):
     """A certificate that the launcher must not trust."""
-    host, signer, command = certificates.HOST, certificates.SIGNED, ["openssl"]
-    if name == "wrong-host":
-        host = "other.example"
-    elif name == "expired":
-        command = ["faketime", "2020-01-01", "openssl"]
-    elif name == "self-signed":
-        signer = []
-    certificates.make(name, host, *signer, command=command)
+    host = "other.example" if name == "wrong-host" else certificates.HOST
+    signer = [] if name == "self-signed" else certificates.SIGNED
+    earlier = ["faketime", "2020-01-01"] if name == "expired" else []
+    certificates.make(name, host, *signer, command=[*earlier, "openssl"])
     handler.server.context = certificates.context(name)
 
 

