@@ -37,7 +37,6 @@ def status(handler, content, number):
 
 @fault
 def redirect(handler, content):
-    """A redirect to the download."""
     handler.head(302, 0, Location=service.DOWNLOAD_PATH)
 
 

@@ -18,12 +18,11 @@
 
 namespace {
 
-// In one write, which another thread's output cannot split.
 void log(const char *what) {
     dprintf(STDERR_FILENO, "\nin_loop: %s\n", what);
 }
 
-// Registered before any other constructor runs, so called after every other handler.
+// Registered first, so called last.
 __attribute__((constructor(101))) void lingerAtExit() {
     std::atexit([] {
         log("torn down");

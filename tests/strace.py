@@ -6,8 +6,8 @@ import re
 LOG = pathlib.Path("/tmp/steps")
 # -D: the launcher stays its parent's child. -f: threads and children too. -y: descriptors with
 # their paths. --seccomp-bpf (below): stops only at calls traced, and then injects no signals.
-STRACE = ["/usr/bin/strace", "-D", "-f", "-qq", "-y", "-s", "999", "-o", LOG, "-e"]
-CALLS = "trace=clock_nanosleep,openat,connect,execve,fchmod,fsync,?rename,?renameat,?renameat2"
+STRACE = ["/usr/bin/strace", "-D", "-f", "-qq", "-y", "-s", "999", "-o", LOG]
+CALLS = "clock_nanosleep,openat,connect,execve,fchmod,fsync,?rename,?renameat,?renameat2"
 # The lines of its log that count, and what steps() calls them.
 PATTERNS = {
     r"clock_nanosleep\(.*{tv_sec=(\d+), tv_nsec=0}": "sleep",
@@ -19,18 +19,16 @@ PATTERNS = {
 }
 
 
+def injecting(calls, what, command, *options):
+    """The command, run so that something happens at a system call, such as "fsync:error=EIO"."""
+    LOG.write_text("")
+    LOG.chmod(0o666)
+    return [*STRACE, *options, "-e", f"trace={calls}", "-e", f"inject={what}", *command]
+
+
 def quickly(command):
     """The command, run so that its sleeps return at once and steps() tells what it does."""
-    LOG.write_text("")
-    LOG.chmod(0o666)
-    return [*STRACE, CALLS, "--seccomp-bpf", "-e", "inject=clock_nanosleep:retval=0", *command]
-
-
-def injecting(call, how, command):
-    """The command, run so that this happens at a system call: "error=EIO" or "signal=KILL"."""
-    LOG.write_text("")
-    LOG.chmod(0o666)
-    return [*STRACE, f"trace={call}", "-e", f"inject={call}:{how}", *command]
+    return injecting(CALLS, "clock_nanosleep:retval=0", command, "--seccomp-bpf")
 
 
 def steps():

@@ -28,7 +28,6 @@ const std::string kName = "m" + std::to_string(getpid()) + "eant"; // Linux cuts
 const std::string kFolder = fs::canonical(fs::temp_directory_path()) / kName / "";
 std::string self(4096, '\0');
 
-// Copies this program; main() tells what a copy does.
 std::string copyTo(const std::string &path) {
     fs::create_directories(fs::path(path).parent_path());
     fs::copy_file(self, path);
@@ -143,7 +142,7 @@ TEST(System, AgentFileAndDesktopAreInTheHomeFolder) {
 TEST(System, IdleTimeIsWholeSeconds) {
     const auto begin = std::chrono::steady_clock::now();
     if (std::system("xdotool mousemove 10 10") != 0)
-        return; // on a Mac nothing moves the mouse
+        return; // on a Mac
     while (Platform::GetIdleTimeSeconds() < 2)
         ASSERT_LT(std::chrono::steady_clock::now() - begin, 60s);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 2s);

@@ -41,7 +41,6 @@ def said(*command, **options):
 
 
 def descriptors(launcher):
-    """What the launcher has open, a line each."""
     return said("ls", "-l", f"/proc/{launcher.pid}/fd")
 
 
@@ -132,7 +131,7 @@ def test_every_way_to_start_finds_the_folder(machine):
     link.symlink_to(launcher)
     for library in pathlib.Path("/usr/lib").glob("*/libwx_*.0"):  # the bundle brings its own
         subprocess.run(["mount", "--bind", "/dev/null", library], check=True)
-    # The environment that launchd gives, and a display.
+    # What launchd gives, and a display.
     bare = {name: machine.environment[name] for name in ("HOME", "USER", "PATH", "DISPLAY")}
     # The launcher's own path as it is; from the log-in program the real one inside the bundle.
     for path, raw, arguments in [

@@ -50,8 +50,7 @@ struct NotingWindow : LoginDialog {
 // The window's controls of interest, by their place among its children.
 enum Child { kBanner = 1, kCaption = 3, kUser = 4, kPassword = 6, kLogIn = 7, kExit = 10, kLabel };
 
-// The icon's place in the tray: a window of this process, plugged into the tray's own. Null while
-// there is none.
+// The icon's window, which is plugged into the tray's, or null.
 GtkWidget *trayIcon() {
     g_autoptr(GList) windows = gtk_window_list_toplevels();
     GList *found = windows;
@@ -89,8 +88,7 @@ class Window : public testing::Test {
     wxImage banner() const {
         return dynamic_cast<wxStaticBitmap *>(child(kBanner))->GetBitmap().ConvertToImage();
     }
-    // Clicks where the pointer lights up the button: the window manager may still be placing the
-    // window.
+    // The window manager may still be placing the window: clicks where the button lights up.
     void click(wxWindow *button) {
         EXPECT_TRUE(until([&] {
             mouse.MouseMove(button->GetScreenPosition() + button->GetSize() / 2);
@@ -112,8 +110,8 @@ class Window : public testing::Test {
     wxUIActionSimulator mouse;
 };
 
-// A line for each of the sizer's items: proportion, flags (2000: wxEXPAND; f0: wxALL; 80, 40, 20,
-// 10: bottom, top, right, left), border, what it is. Those of a sizer inside it are indented.
+// A line for each item: proportion, flags (2000: wxEXPAND; 80, 40, 20, 10: wxBOTTOM, wxTOP,
+// wxRIGHT, wxLEFT), border, what it is. The items of a sizer inside are indented.
 std::string describe(const wxSizer *sizer, const std::string &indent = "\n") {
     wxString text;
     for (const wxSizerItem *item : sizer->GetChildren()) {
